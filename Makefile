@@ -1,0 +1,52 @@
+# The two set-up commands are `make demo` and `make test`; both install what
+# is missing first (`make deps`).
+BUILD_DIR ?= build
+ASAN_DIR  ?= build-asan
+BENCH_DIR ?= build-bench
+JOBS      ?= $(shell nproc)
+# Tests spend much of their time waiting on other processes: run more of
+# them than there are cores.
+TEST_JOBS ?= $(shell echo $$(( $$(nproc) * 2 )))
+
+CMAKE_CONFIGURE = cmake -G Ninja -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/i386-toolchain.cmake
+CTEST = ctest --output-on-failure --timeout 300 -j $(TEST_JOBS)
+
+.PHONY: all deps build test demo asan bench clean
+
+all: build
+
+deps:
+	@bash scripts/deps.sh
+
+$(BUILD_DIR)/build.ninja:
+	$(CMAKE_CONFIGURE) -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+
+build: deps $(BUILD_DIR)/build.ninja
+	cmake --build $(BUILD_DIR) -j $(JOBS)
+
+test: build
+	cd $(BUILD_DIR) && $(CTEST)
+
+demo: build
+	@mkdir -p $(BUILD_DIR)/demo-logs
+	QKLogFilePath=$(abspath $(BUILD_DIR))/demo-logs $(BUILD_DIR)/tools/ambit-demo
+
+$(ASAN_DIR)/build.ninja:
+	$(CMAKE_CONFIGURE) -S . -B $(ASAN_DIR) -DCMAKE_BUILD_TYPE=Debug -DAMBIT_SANITIZE=ON
+
+asan: deps $(ASAN_DIR)/build.ninja
+	cmake --build $(ASAN_DIR) -j $(JOBS)
+	cd $(ASAN_DIR) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 $(CTEST)
+
+$(BENCH_DIR)/build.ninja:
+	$(CMAKE_CONFIGURE) -S . -B $(BENCH_DIR) -DCMAKE_BUILD_TYPE=Release -DAMBIT_BENCH=ON -DAMBIT_TESTS=OFF
+
+bench: deps $(BENCH_DIR)/build.ninja
+	cmake --build $(BENCH_DIR) -j $(JOBS)
+	@for b in $(BENCH_DIR)/bench/ambit_bench_*; do \
+	  echo "== $$b"; $$b --benchmark_min_time=0.2 || exit 1; \
+	done
+
+clean:
+	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(BENCH_DIR)

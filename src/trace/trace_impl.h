@@ -1,0 +1,28 @@
+#ifndef AMBIT_TRACE_TRACE_IMPL_H_
+#define AMBIT_TRACE_TRACE_IMPL_H_
+
+#include "ambit/trace.h"
+
+// Level bit of error and dump lines on the direct path; also the level
+// used when "AmbitTrace" is unset.
+constexpr unsigned long kTraceErrorLines = 2;
+constexpr unsigned long kTraceDefaultLevel = 2;
+
+// True when error and dump lines go to the log file: the log object exists
+// and its level has bit 2. Direct-path callers test this before formatting.
+inline bool ErrorLinesOn() {
+  return g_pAmbitTrace != nullptr && (AmbitTrace::m_level & kTraceErrorLines);
+}
+
+// Writes an "(Error) ..." or dump line on the direct path when it is on.
+#define AMBIT_TRACE_ERROR(...)                                  \
+  do {                                                          \
+    if (ErrorLinesOn()) g_pAmbitTrace->trace(__VA_ARGS__);      \
+  } while (0)
+
+// Throws QKException `code` from the calling source file and line, after the
+// "(Error) Throwing exception" line.
+#define AMBIT_THROW(code) \
+  CPortable::throwQKException((code), __FILE_NAME__, __LINE__)
+
+#endif  // AMBIT_TRACE_TRACE_IMPL_H_
