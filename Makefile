@@ -45,7 +45,7 @@ $(BENCH_DIR)/build.ninja:
 bench: deps $(BENCH_DIR)/build.ninja
 	cmake --build $(BENCH_DIR) -j $(JOBS)
 	@for b in $(BENCH_DIR)/bench/ambit_bench_*; do \
-	  echo "== $$b"; $$b --benchmark_min_time=0.2 || exit 1; \
+	  echo "== $$b"; $$b --benchmark_min_time=0.2 --benchmark_repetitions=5 --benchmark_report_aggregates_only=true || exit 1; \
 	done
 
 clean:

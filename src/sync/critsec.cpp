@@ -13,15 +13,10 @@ constexpr unsigned long kLevelOrdinary = 2;
 }  // namespace
 
 CPCritSecImpl::CPCritSecImpl(std::string name, int allowTrace)
-    : m_name(std::move(name)), m_allowTrace(allowTrace), m_lineNo(0), m_trace(0) {
-  pthread_mutexattr_t attr;
-  pthread_mutexattr_init(&attr);
-  pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
-  pthread_mutex_init(&m_mutex, &attr);
-  pthread_mutexattr_destroy(&attr);
-}
+    : m_name(std::move(name)), m_allowTrace(allowTrace), m_lineNo(0), m_trace(0) {}
 
-CPCritSecImpl::~CPCritSecImpl() { pthread_mutex_destroy(&m_mutex); }
+// Destroying a held section is not detected.
+CPCritSecImpl::~CPCritSecImpl() = default;
 
 int CPCritSecImpl::enter(long lineNo) {
   // Written before blocking: the line records attempts, not acquisitions.
@@ -30,14 +25,14 @@ int CPCritSecImpl::enter(long lineNo) {
               "CPCritSecImpl::enter (%p) %s, lineno %d\n",
               static_cast<void*>(this), m_name.c_str(),
               static_cast<int>(lineNo));
-  return pthread_mutex_lock(&m_mutex);
+  return m_mutex.lock();
 }
 
-int CPCritSecImpl::leave(long lineNo) { return pthread_mutex_unlock(&m_mutex); }
+int CPCritSecImpl::leave(long lineNo) { return m_mutex.unlock(); }
 
 int CPCritSecImpl::tryEnter(long lineNo) {
   // Any failure other than "held by another thread" counts as entered.
-  if (pthread_mutex_trylock(&m_mutex) != EBUSY) return 1;
+  if (m_mutex.tryLock() != EBUSY) return 1;
   if (m_allowTrace && g_pambittracing)
     traceImpl(kCategoryCritSec, kLevelOrdinary,
               "CPCritSecImpl::tryEnter (%p) %s, lineno %d\n",
@@ -48,8 +43,8 @@ int CPCritSecImpl::tryEnter(long lineNo) {
 
 int CPCritSecImpl::test() {
   // The mutex is recursive, so a section held by the caller tests as free.
-  if (pthread_mutex_trylock(&m_mutex) != EBUSY) {
-    pthread_mutex_unlock(&m_mutex);
+  if (m_mutex.tryLock() != EBUSY) {
+    m_mutex.unlock();
     return 0;
   }
   if (m_allowTrace && g_pambittracing)

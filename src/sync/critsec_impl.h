@@ -1,12 +1,12 @@
 #ifndef AMBIT_SYNC_CRITSEC_IMPL_H_
 #define AMBIT_SYNC_CRITSEC_IMPL_H_
 
-#include <pthread.h>
-
 #include <string>
 
-// The work behind CPCritSec: a process-private recursive pthread mutex plus
-// the name and flags its trace lines (category 32) use.
+#include "sync/recursive_lock.h"
+
+// The work behind CPCritSec: a process-private recursive lock plus the name
+// and flags its trace lines (category 32) use.
 class CPCritSecImpl {
  public:
   CPCritSecImpl(std::string name, int allowTrace);
@@ -22,7 +22,7 @@ class CPCritSecImpl {
   void setAllowTrace(int allowTrace) { m_allowTrace = allowTrace; }
 
  private:
-  pthread_mutex_t m_mutex;
+  RecursiveLock m_mutex;
   std::string m_name;  // for trace lines only; may be empty
   int m_allowTrace;    // gates every trace line of this class
   long m_lineNo;       // 0, and never written again: test() prints it

@@ -1,0 +1,74 @@
+#include "ratio_main.h"
+
+#include <cstdio>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "benchmark/benchmark.h"
+
+namespace ambit_bench {
+namespace {
+
+struct Ratio {
+  std::string label, measured, baseline;
+};
+
+std::vector<Ratio>& Ratios() {
+  static std::vector<Ratio> ratios;
+  return ratios;
+}
+
+// Console output as usual, plus the CPU time per iteration of each run,
+// keyed by benchmark name (the median row when repetitions aggregate).
+class RecordingReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (const Run& run : runs) {
+      if (run.error_occurred) continue;
+      const std::string name = run.benchmark_name();
+      if (run.run_type == Run::RT_Aggregate) {
+        if (run.aggregate_name != "median") continue;
+        m_times[run.run_name.str()] = run.GetAdjustedCPUTime();
+      } else if (m_times.find(name) == m_times.end() ||
+                 run.repetitions <= 1) {
+        m_times[name] = run.GetAdjustedCPUTime();
+      }
+    }
+  }
+  const std::map<std::string, double>& Times() const { return m_times; }
+
+ private:
+  std::map<std::string, double> m_times;
+};
+
+}  // namespace
+
+RatioRegistrar::RatioRegistrar(const char* label, const char* measured,
+                               const char* baseline) {
+  Ratios().push_back({label, measured, baseline});
+}
+
+}  // namespace ambit_bench
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  ambit_bench::RecordingReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  const auto& times = reporter.Times();
+  bool header = false;
+  for (const auto& r : ambit_bench::Ratios()) {
+    const auto m = times.find(r.measured);
+    const auto b = times.find(r.baseline);
+    if (m == times.end() || b == times.end() || b->second <= 0) continue;
+    if (!header) {
+      std::printf("\nRatios (CPU time, lower is faster; same run):\n");
+      header = true;
+    }
+    std::printf("  %-60s %6.2fx\n", r.label.c_str(), m->second / b->second);
+  }
+  benchmark::Shutdown();
+  return 0;
+}
