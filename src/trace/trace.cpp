@@ -25,8 +25,12 @@ const char kDefaultDir[] = "/cf/quenbydata/Logs/";
 const time_t g_timeDayOfInfamy = 1000212480;  // 2001-09-11 12:48:00 UTC
 
 void TraceFilePath(const char* dir, const tm& t, char (&path)[kTracePathSize]) {
+  // A path longer than the buffer is cut on purpose.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-truncation"
   std::snprintf(path, sizeof path, "%s/AmbitTrace-%02d%02d%02d.Log", dir,
                 (t.tm_year + 1900) % 100, t.tm_mon + 1, t.tm_mday);
+#pragma GCC diagnostic pop
 }
 
 AmbitTrace::AmbitTrace() : file(nullptr), day(0), minute(0) {
