@@ -1,1 +1,120 @@
+// Uses the public interface the way callers do: through <ambit/ambit.h> and
+// libambit.so, and checks what the library exports and hides.
+#include "ambit/ambit.h"
+
+#include <dlfcn.h>
+#include <elf.h>
+
+#include <cstdio>
+#include <string>
+
 #include "gtest/gtest.h"
+
+namespace {
+
+// The path of the loaded libambit.so.
+std::string LibraryPath() {
+  Dl_info info = {};
+  if (dladdr(reinterpret_cast<void*>(&traceImpl), &info) == 0 ||
+      info.dli_fname == nullptr)
+    return "";
+  return info.dli_fname;
+}
+
+TEST(PublicApiTest, LibraryIsAnI386SharedObject) {
+  const std::string path = LibraryPath();
+  ASSERT_NE(std::string::npos, path.find("libambit.so")) << path;
+  FILE* f = std::fopen(path.c_str(), "rb");
+  ASSERT_NE(nullptr, f);
+  Elf32_Ehdr header = {};
+  const size_t n = std::fread(&header, sizeof header, 1, f);
+  std::fclose(f);
+  ASSERT_EQ(1u, n);
+  EXPECT_EQ(ELFCLASS32, header.e_ident[EI_CLASS]);
+  EXPECT_EQ(EM_386, header.e_machine);
+  EXPECT_EQ(ET_DYN, header.e_type);
+}
+
+TEST(PublicApiTest, PublicNamesAreExportedAndInternalOnesHidden) {
+  void* self = dlopen("libambit.so.1", RTLD_NOW | RTLD_NOLOAD);
+  ASSERT_NE(nullptr, self) << dlerror();
+  EXPECT_NE(nullptr, dlsym(self, "_Z9traceImplmmPKcz"));
+  EXPECT_NE(nullptr, dlsym(self, "g_pambittracing"));
+  EXPECT_NE(nullptr, dlsym(self, "g_AmbitTrace"));
+  EXPECT_NE(nullptr, dlsym(self, "_ZN9CPortable12GetTickCountEv"));
+  // Library internals stay private.
+  EXPECT_EQ(nullptr, dlsym(self, "_Z17SystemWallSecondsv"));
+  EXPECT_EQ(nullptr, dlsym(self, "g_traceClock"));
+  dlclose(self);
+}
+
+TEST(PublicApiTest, EveryFoundationNameIsCallableThroughTheSharedLibrary) {
+  EXPECT_EQ("19.43.1700.0", CPortable::getBuildVersion());
+  CPortable::CPDbgBreak();
+  errno = 0;
+  EXPECT_EQ(0, CPortable::GetLastError());
+  EXPECT_NE(0u, CPortable::GetCurrentProcessId());
+  EXPECT_NE(0u, CPortable::GetCurrentThreadId());
+  EXPECT_NE(0u, CPortable::GetCurrentPThreadId());
+  (void)CPortable::GetCurrentThreadHandle();
+
+  CPortable::FILETIME a = {5, 1}, b = {6, 0};
+  const CPortable::FILETIME d = CPortable::SubtractFileTimes(a, b);
+  EXPECT_EQ(0xFFFFFFFFUL, d.dwLowDateTime);
+  EXPECT_EQ(0UL, d.dwHighDateTime);
+  EXPECT_EQ(1, CPortable::CompareFileTime(&a, &b));
+
+  CPortable::SYSTEMTIME st = {};
+  unsigned long long ull = 0;
+  CPortable::GetCurrentULLFileTimeUTC(&ull);
+  CPortable::GetSystemTimeAsFileTime(&a);
+  EXPECT_EQ(1, CPortable::ULLFileTimeToSystemTime(&ull, &st));
+  EXPECT_EQ(1, CPortable::FileTimeToSystemTime(&a, &st));
+  EXPECT_EQ(1, CPortable::ULLSystemTimeToFileTime(&st, &ull));
+  EXPECT_EQ(1, CPortable::SystemTimeToFileTime(&st, &a));
+  EXPECT_EQ(1, CPortable::ULLFileTimeLocalToULLFileTimeUTC(&ull, &ull));
+  EXPECT_EQ(1, CPortable::LocalFileTimeToFileTime(&a, &b));
+  EXPECT_EQ(1, CPortable::ULLFileTimeUTCToULLFileTimeLocal(&ull, &ull));
+  EXPECT_EQ(1, CPortable::FileTimeToLocalFileTime(&a, &b));
+  EXPECT_EQ(1, CPortable::ULLFileDurationToSystemDuration(&ull, &st));
+  EXPECT_EQ(1, CPortable::FileDurationToSystemDuration(&a, &st));
+  CPortable::GetSystemTime(&st);
+  CPortable::GetLocalTime(&st);
+  EXPECT_GE(CPortable::GetTickCountULL(), CPortable::GetTickCount() * 0ULL);
+  char zone[8];
+  EXPECT_EQ(zone, CPortable::GetTimeZone(zone, sizeof zone));
+  EXPECT_EQ(1000212480, static_cast<long>(g_timeDayOfInfamy));
+
+  try {
+    CPortable::throwQKException(QK_E_OUT_OF_MEMORY, "api", 9);
+    FAIL() << "no exception";
+  } catch (const QKException& e) {
+    EXPECT_EQ(static_cast<long>(0xC1210E10UL), e.code);
+    EXPECT_STREQ("api.9", e.where);
+  }
+  QKException direct(QK_E_QOS_SETSOCKOPT, nullptr, 1);
+  EXPECT_STREQ("", direct.where);
+
+  CPCritSec cs("api", 1);
+  EXPECT_EQ(0, cs.enter(__LINE__));
+  EXPECT_EQ(1, cs.tryEnter(__LINE__));
+  EXPECT_EQ(0, cs.test());
+  cs.setTrace(1);
+  cs.setAllowTrace(0);
+  EXPECT_EQ(0, cs.leave(__LINE__));
+  EXPECT_EQ(0, cs.leave(__LINE__));
+
+  AmbitTracing* before = AmbitDebug::getTracingHelper();
+  const unsigned long level = AmbitTrace::m_level;
+  AmbitDebug::setAmbitTrace(12);
+  EXPECT_EQ(static_cast<AmbitTracing*>(g_pAmbitTrace), g_pambittracing);
+  traceImpl(64, 2, "not written: category off\n");
+  AmbitDebug::setAmbitTrace(level);
+  AmbitDebug::setTracingHelper(before);
+  ASSERT_NE(nullptr, g_pAmbitTrace);
+  tm now;
+  AmbitTrace::GetCurTime(&now);
+  EXPECT_GE(now.tm_year, 100);
+}
+
+}  // namespace
