@@ -106,7 +106,37 @@ class AMBIT_API CPortable {
   static char* GetTimeZone(char* buffer, int size);
   static void GetSystemTime(SYSTEMTIME* out);  // UTC
   static void GetLocalTime(SYSTEMTIME* out);   // the process's own zone
+
+  // --- Process facts ---------------------------------------------------------
+
+  // The start time of process `pid` as a file time, with a resolution of
+  // one second; the same process always gives the same value. A pid with no
+  // /proc entry gives the boot time itself (never 0 unless that is unknown),
+  // which is how a caller recognises a dead process.
+  static unsigned long long GetProcessStartTime(unsigned long pid);
+  // The base name of this process's executable, or "" when it cannot be
+  // read (tried again on the next call).
+  static std::string getExeName();
 };
+
+// Boot time in seconds since 1970-01-01 UTC from "/proc/stat", or 0.
+AMBIT_API unsigned long getBootTime();
+// The command name of process `pid` as the last column of `ps` shows it
+// (only the last word of a name with blanks), or "" when there is none.
+AMBIT_API std::string getProgramName(unsigned long pid);
+// Runs `command` through the shell and returns its whole output in a buffer
+// made with new[] (free it with delete[]), or null. A buffer that fills up
+// is grown by half and the command run again, at most ten times, so the
+// command must be free of side effects. Blocks until the command ends.
+AMBIT_API char* runSystemCommand(const std::string& command,
+                                 unsigned long initialSize);
+
+// Kernel clock ticks per second, read when the library loads (42 when the
+// kernel does not say).
+extern AMBIT_API unsigned long long g_ullHertz;
+// Boot time in seconds since 1970-01-01 UTC, read when the library loads;
+// 0 when unknown.
+extern AMBIT_API unsigned long g_dwBootTime;
 
 // 2001-09-11 12:48:00 UTC: the instant the trace log's time stamp falls back
 // to when the current time cannot be converted.
