@@ -1,6 +1,7 @@
 #ifndef AMBIT_PORTABLE_H_
 #define AMBIT_PORTABLE_H_
 
+#include <cstddef>
 #include <ctime>
 #include <string>
 
@@ -30,6 +31,16 @@ class AMBIT_API CPortable {
     unsigned short wMinute;
     unsigned short wSecond;
     unsigned short wMilliseconds;
+  };
+
+  // A 16-byte identifier in the Windows GUID memory layout: the first three
+  // groups are little-endian, so the text form shows bytes 3,2,1,0 - 5,4 -
+  // 7,6 - 8,9 - 10..15.
+  struct PUUID {
+    unsigned long Data1;
+    unsigned short Data2;
+    unsigned short Data3;
+    unsigned char Data4[8];
   };
 
   // --- Errors ---------------------------------------------------------------
@@ -117,7 +128,99 @@ class AMBIT_API CPortable {
   // The base name of this process's executable, or "" when it cannot be
   // read (tried again on the next call).
   static std::string getExeName();
+
+  // --- Numbers ---------------------------------------------------------------
+
+  // Digits of `value` in `radix` (2..36, otherwise 10), lower case, most
+  // significant first, NUL-terminated; the buffer size is not checked. Only
+  // radix 10 writes a sign: other radixes write the 32-bit pattern, so -1 in
+  // radix 16 is "ffffffff".
+  static char* itoa(int value, char* buffer, int radix);
+  static char* ltoa(long value, char* buffer, int radix);
+  // A signed pair: "%lld" both ways. Text that does not parse gives 0;
+  // values of 2^63 and above print negative; a round trip is exact.
+  static unsigned long long stoull(const std::string& text);
+  static std::string ulltos(const unsigned long long& value);
+  // Rotate a 32-bit value left by shift modulo 32.
+  static unsigned _rotl(unsigned value, int shift);
+  static unsigned long _lrotl(unsigned long value, int shift);
+
+  // --- Strings ---------------------------------------------------------------
+
+  // strncpy, then dst[length - 1] = 0: at most length - 1 characters, the
+  // rest zero-filled. length must be at least 1.
+  static char* lstrcpyn(char* dst, const char* src, int length);
+  static int stricmp(const char* a, const char* b);
+  static int strnicmp(const char* a, const char* b, size_t count);
+  // In place, byte by byte (toupper/tolower); return the argument.
+  static char* strupr(char* text);
+  static char* strlwr(char* text);
+  // In place with the wide case functions, up to the terminator.
+  static wchar_t* wcsupr(wchar_t* text);
+  static wchar_t* wcslwr(wchar_t* text);
+  static char* strtok_r(char* text, const char* delimiters, char** state);
+  // Copies src into dst[size], cut so that no multi-byte UTF-8 character of
+  // well-formed text is split. size 0 leaves dst untouched.
+  static void truncUTF8(const std::string& src, char* dst, unsigned size);
+
+  // --- UUIDs -----------------------------------------------------------------
+
+  // 16 random bytes from /dev/urandom in the dashed form (no version bits).
+  static std::string newPUUID();
+  // "00000000-0000-0000-0000-000000000000".
+  static std::string nilPUUID();
+  // 36 characters of lower-case hex with dashes.
+  static std::string PUUIDToString(PUUID* uuid);
+  // 32 characters, or 31 when the first byte shown (byte 3) is below 0x10.
+  static std::string PUUIDToStringSansDashes(PUUID* uuid);
+  // Parse the dashed form; fields that do not parse stay 0.
+  static void PUUIDFromString(std::string text, PUUID* uuid);
+  // The first field takes exactly one hex digit: this reads back what
+  // PUUIDToStringSansDashes wrote only for a first byte below 0x10, and a
+  // 32-digit text is read shifted by one digit. Stored names depend on it.
+  static void PUUIDFromStringSansDashes(std::string text, PUUID* uuid);
+  static void PUUIDNil(PUUID* uuid);
+  // 1 for a null pointer or 16 zero bytes.
+  static int PUUIDIsNil(PUUID* uuid);
+  // Comparisons of the 16 bytes in memory order, byte 0 first (not the
+  // order of the text form); 1 or 0.
+  static int PUUIDEqual(PUUID* a, PUUID* b);
+  static int PUUIDLessThan(PUUID* a, PUUID* b);
+  static int PUUIDGreaterThan(PUUID* a, PUUID* b);
+
+  // --- Addresses -------------------------------------------------------------
+  // An address is 32 bits in network byte order as it lies in memory: the
+  // first dotted component is the least significant byte.
+
+  // "a.b.c.d" to a | b << 8 | c << 16 | d << 24; missing components are 0
+  // and components are not masked, so one above 255 spills over.
+  static unsigned long stringToIPAddress(const std::string& text);
+  // snprintf(dst, size - 1, "a.b.c.d"), dst[size - 1] = 0; the snprintf count.
+  static int formatIPAddress(unsigned long address, char* dst, int size);
+  static std::string IPAddressToString(unsigned long address);
+  // Resolves a dotted address or a host name into *address ("" first).
+  // 0 on success; 0xC1210E1E for an empty name; on a failed look-up
+  // 0x80100000 plus the low 16 bits of errno, or 0 when errno is 0.
+  static unsigned long getHostByName(const std::string& name,
+                                     std::string* address);
+
+  // --- Atomic helpers and sleep ----------------------------------------------
+
+  // Locked add instructions; the new value.
+  static long InterlockedIncrement(long volatile* target);
+  static long InterlockedDecrement(long volatile* target);
+  // Under one process-wide mutex, so they exclude each other but not the
+  // two above: a value must be handled by one family only. The old value.
+  static long InterlockedExchange(long* target, long value);
+  static long InterlockedCompareExchange(long volatile* target, long exchange,
+                                         long comparand);
+  // 0 yields the processor; 0xFFFFFFFF sleeps 0xFFFFFFFF microseconds (about
+  // 71.6 minutes), not forever; other values sleep ms * 1000 microseconds
+  // computed in 32 bits, so values above 4294967 wrap.
+  static void Sleep(unsigned long ms);
 };
+
+static_assert(sizeof(CPortable::PUUID) == 16, "PUUID is 16 bytes");
 
 // Boot time in seconds since 1970-01-01 UTC from "/proc/stat", or 0.
 AMBIT_API unsigned long getBootTime();
