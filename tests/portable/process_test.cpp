@@ -16,6 +16,7 @@
 #include "portable/process_facts.h"
 #include "support/child_process.h"
 #include "support/forked_child.h"
+#include "support/log_capture.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -35,47 +36,6 @@ long long StartTicksOf(pid_t pid) {
   for (int i = 3; i <= 22; ++i) rest >> field;
   return std::stoll(field);
 }
-
-// Points the library's log at a fresh directory for one test.
-class ErrorLog {
- public:
-  ErrorLog() {
-    std::memcpy(m_savedDir, g_AmbitTrace.dir, sizeof m_savedDir);
-    m_savedLevel = AmbitTrace::m_level;
-    Close();
-    std::snprintf(g_AmbitTrace.dir, sizeof g_AmbitTrace.dir, "%s", m_dir.Path().c_str());
-    AmbitTrace::m_level = 2;
-  }
-  ~ErrorLog() {
-    Close();
-    std::memcpy(g_AmbitTrace.dir, m_savedDir, sizeof m_savedDir);
-    AmbitTrace::m_level = m_savedLevel;
-  }
-  // Every line written so far, without prefixes.
-  std::vector<std::string> Lines() const {
-    std::vector<std::string> lines;
-    for (const std::string& name : m_dir.List()) {
-      std::istringstream in(ReadFile(m_dir.Path() + "/" + name));
-      std::string line;
-      while (std::getline(in, line)) {
-        const size_t p = line.find(") ");
-        lines.push_back(p == std::string::npos ? line : line.substr(p + 2));
-      }
-    }
-    return lines;
-  }
-  const std::string& Dir() const { return m_dir.Path(); }
-
- private:
-  static void Close() {
-    if (g_AmbitTrace.file != nullptr) std::fclose(g_AmbitTrace.file);
-    g_AmbitTrace.file = nullptr;
-    g_AmbitTrace.day = 0;
-  }
-  TempDir m_dir;
-  char m_savedDir[sizeof g_AmbitTrace.dir];
-  unsigned long m_savedLevel;
-};
 
 TEST(ProcessStartTimeTest, SameProcessGivesTheSameValueBetweenBootAndNow) {
   const unsigned long long first = CPortable::GetProcessStartTime(getpid());
@@ -119,7 +79,7 @@ TEST(ProcessStartTimeTest, ProcessStartedLaterHasALaterOrEqualStartTime) {
 }
 
 TEST(ProcessStartTimeTest, MissingProcessGivesTheBootTimeAndOneErrorLine) {
-  ErrorLog log;
+  LogCapture log;
   const unsigned long missing = 0x7FFFFFF0;  // above any pid_max
   EXPECT_EQ(FileTimeOfSeconds(g_dwBootTime), CPortable::GetProcessStartTime(missing));
   EXPECT_EQ(std::vector<std::string>{
@@ -166,7 +126,7 @@ TEST(BootTimeTest, LoadTimeBootTimeIsTheKernelsBtime) {
 }
 
 TEST(BootTimeTest, UnreadableFileGivesZeroAndTwoErrorLines) {
-  ErrorLog log;
+  LogCapture log;
   EXPECT_EQ(0u, BootTimeFromStatFile((log.Dir() + "/missing").c_str()));
   EXPECT_EQ((std::vector<std::string>{"(Error) getBootTime, can't open /proc/stat",
                                       "(Error) getBootTime failed"}),
@@ -179,7 +139,7 @@ TEST(BootTimeTest, OnlyTheFirst2048BytesAreSearched) {
   std::ofstream(near) << "cpu 1 2 3\nbtime 1700000000\nprocesses 5\n";
   std::ofstream(far) << std::string(2048, 'x') << "\nbtime 1700000000\n";
   EXPECT_EQ(1700000000u, BootTimeFromStatFile(near.c_str()));
-  ErrorLog log;
+  LogCapture log;
   EXPECT_EQ(0u, BootTimeFromStatFile(far.c_str()));
   EXPECT_EQ(std::vector<std::string>{"(Error) getBootTime failed"}, log.Lines());
 }
@@ -188,7 +148,7 @@ TEST(BootTimeTest, ValueWithoutANewlineIsNotRead) {
   TempDir dir;
   const std::string path = dir.Path() + "/stat";
   std::ofstream(path) << "btime 1700000000";
-  ErrorLog log;
+  LogCapture log;
   EXPECT_EQ(0u, BootTimeFromStatFile(path.c_str()));
 }
 
