@@ -8,6 +8,7 @@
 #include "ambit/export.h"
 #include "ambit/portable.h"
 #include "ambit/qos.h"
+#include "ambit/sharedmemory.h"
 #include "ambit/trace.h"
 
 #endif  // AMBIT_AMBIT_H_

@@ -20,6 +20,10 @@ inline bool ErrorLinesOn() {
     if (ErrorLinesOn()) g_pAmbitTrace->trace(__VA_ARGS__);      \
   } while (0)
 
+// Writes any other line that goes straight to the log file (registry
+// progress lines, dumps) under the same condition.
+#define AMBIT_TRACE_LOG(...) AMBIT_TRACE_ERROR(__VA_ARGS__)
+
 // Throws QKException `code` from the calling source file and line, after the
 // "(Error) Throwing exception" line.
 #define AMBIT_THROW(code) \
