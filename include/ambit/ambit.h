@@ -7,6 +7,7 @@
 #include "ambit/exception.h"
 #include "ambit/export.h"
 #include "ambit/portable.h"
+#include "ambit/timezone.h"
 #include "ambit/trace.h"
 
 #endif  // AMBIT_AMBIT_H_
