@@ -28,54 +28,98 @@ const char kDefaultZoneInfoRoot[] = "/usr/share/zoneinfo";
 constexpr size_t kMaxZoneFileSize = 1 << 20;  // real files are a few KB
 constexpr int64_t kSecondsPerDay = 86400;
 
-// --- Calendar arithmetic (proleptic Gregorian, 64-bit) --------------------
+// --- Calendar arithmetic (proleptic Gregorian) ----------------------------
+// Written once for any integer width: the 32-bit instances serve every date
+// within a million years of 1970 and avoid the slow 64-bit division helpers
+// of i386; the 64-bit ones take the rest.
 
-int64_t FloorDiv(int64_t a, int64_t b) {
-  const int64_t q = a / b;
-  return (a % b != 0 && ((a < 0) != (b < 0))) ? q - 1 : q;
+template <typename T>
+T FloorDiv(T a, T b) {  // b > 0
+  const T q = a / b;
+  return q * b > a ? q - 1 : q;
 }
 
 // Days since 1970-01-01 of the civil date (month 1..12, day 1..31).
-int64_t DaysFromCivil(int64_t y, int m, int d) {
+template <typename T>
+T DaysFromCivilT(T y, int m, int d) {
   y -= m <= 2;
-  const int64_t era = FloorDiv(y, 400);
-  const int64_t yoe = y - era * 400;
-  const int64_t doy = (153 * (m > 2 ? m - 3 : m + 9) + 2) / 5 + d - 1;
-  const int64_t doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+  const T era = FloorDiv<T>(y, 400);
+  const T yoe = y - era * 400;
+  const T doy = (153 * (m > 2 ? m - 3 : m + 9) + 2) / 5 + d - 1;
+  const T doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
   return era * 146097 + doe - 719468;
 }
 
-void CivilFromDays(int64_t z, int64_t* y, int* m, int* d) {
+template <typename T>
+void CivilFromDaysT(T z, T* y, int* m, int* d) {
   z += 719468;
-  const int64_t era = FloorDiv(z, 146097);
-  const int64_t doe = z - era * 146097;
-  const int64_t yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-  const int64_t doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-  const int64_t mp = (5 * doy + 2) / 153;
+  const T era = FloorDiv<T>(z, 146097);
+  const T doe = z - era * 146097;
+  const T yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+  const T doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+  const T mp = (5 * doy + 2) / 153;
   *d = static_cast<int>(doy - (153 * mp + 2) / 5 + 1);
   *m = static_cast<int>(mp < 10 ? mp + 3 : mp - 9);
   *y = yoe + era * 400 + (*m <= 2);
 }
 
+constexpr int64_t kNarrowYears = 1000000;          // |year| for 32-bit math
+constexpr int64_t kNarrowDays = 365 * kNarrowYears;  // |days| for 32-bit math
+
+int64_t DaysFromCivil(int64_t y, int m, int d) {
+  if (y > -kNarrowYears && y < kNarrowYears)
+    return DaysFromCivilT<int32_t>(static_cast<int32_t>(y), m, d);
+  return DaysFromCivilT<int64_t>(y, m, d);
+}
+
+void CivilFromDays(int64_t z, int64_t* y, int* m, int* d) {
+  if (z > -kNarrowDays && z < kNarrowDays) {
+    int32_t y32;
+    CivilFromDaysT<int32_t>(static_cast<int32_t>(z), &y32, m, d);
+    *y = y32;
+  } else {
+    CivilFromDaysT<int64_t>(z, y, m, d);
+  }
+}
+
 bool IsLeap(int64_t y) { return (y % 4 == 0 && y % 100 != 0) || y % 400 == 0; }
+
+// Date fields of a day count, all in T: year, month 1..12, day 1..31, day
+// of the year 0..365 and day of the week 0..6 (0 is Sunday).
+template <typename T>
+void DayFields(T days, T* y, int* m, int* d, int* yday, int* wday) {
+  CivilFromDaysT<T>(days, y, m, d);
+  const bool leap = (*y % 4 == 0 && *y % 100 != 0) || *y % 400 == 0;
+  static const int kDaysBefore[] = {0, 31, 59, 90, 120, 151,
+                                    181, 212, 243, 273, 304, 334};
+  *yday = kDaysBefore[*m - 1] + *d - 1 + (leap && *m > 2 ? 1 : 0);
+  const T w = days + 4;  // 1970-01-01 was a Thursday
+  *wday = static_cast<int>(w - FloorDiv<T>(w, 7) * 7);
+}
 
 // Breaks `local` seconds down into the date and time fields of *out. False
 // when the year does not fit in tm_year.
 bool BreakDown(int64_t local, tm* out) {
-  const int64_t days = FloorDiv(local, kSecondsPerDay);
-  const int64_t secs = local - days * kSecondsPerDay;
+  const int64_t days = FloorDiv<int64_t>(local, kSecondsPerDay);
+  const int32_t secs = static_cast<int32_t>(local - days * kSecondsPerDay);
   int64_t y;
-  int m, d;
-  CivilFromDays(days, &y, &m, &d);
+  int m, d, yday, wday;
+  if (days > -kNarrowDays && days < kNarrowDays) {
+    int32_t y32;
+    DayFields<int32_t>(static_cast<int32_t>(days), &y32, &m, &d, &yday, &wday);
+    y = y32;
+  } else {
+    DayFields<int64_t>(days, &y, &m, &d, &yday, &wday);
+  }
   if (y - 1900 > INT_MAX || y - 1900 < INT_MIN) return false;
   out->tm_year = static_cast<int>(y - 1900);
   out->tm_mon = m - 1;
   out->tm_mday = d;
-  out->tm_hour = static_cast<int>(secs / 3600);
-  out->tm_min = static_cast<int>(secs / 60 % 60);
-  out->tm_sec = static_cast<int>(secs % 60);
-  out->tm_wday = static_cast<int>(days + 4 - FloorDiv(days + 4, 7) * 7);  // 1970-01-01 was a Thursday
-  out->tm_yday = static_cast<int>(days - DaysFromCivil(y, 1, 1));
+  out->tm_hour = secs / 3600;
+  out->tm_min = secs / 60 % 60;
+  out->tm_sec = secs % 60;
+  out->tm_wday = wday;
+  out->tm_yday = yday;
   return true;
 }
 
@@ -94,7 +138,8 @@ int64_t RuleChange(const STzRuleDate& r, int64_t year, int32_t offset) {
       break;
     case STzRuleDate::MONTH_WEEK_DAY: {
       const int64_t first = DaysFromCivil(year, r.month, 1);
-      const int firstWday = static_cast<int>(first + 4 - FloorDiv(first + 4, 7) * 7);
+      const int firstWday =
+          static_cast<int>(first + 4 - FloorDiv<int64_t>(first + 4, 7) * 7);
       int mday = (r.day - firstWday + 7) % 7;  // zero-based
       static const int kMonthDays[] = {31, 28, 31, 30, 31, 30,
                                        31, 31, 30, 31, 30, 31};
@@ -318,7 +363,7 @@ bool LocalTimeIn(const SZone& zone, int64_t t, tm* result) {
       // The change instants of the instant's UTC year, as glibc does.
       int64_t year;
       int m, day;
-      CivilFromDays(FloorDiv(t, kSecondsPerDay), &year, &m, &day);
+      CivilFromDays(FloorDiv<int64_t>(t, kSecondsPerDay), &year, &m, &day);
       const int64_t start = RuleChange(r.start, year, r.stdOffset);
       const int64_t end = RuleChange(r.end, year, r.dstOffset);
       dst = start > end ? (t < end || t >= start) : (t >= start && t < end);
@@ -342,9 +387,9 @@ bool LocalTimeIn(const SZone& zone, int64_t t, tm* result) {
 
 int64_t qktimegm64(struct tm* t) {
   // Carry months into years, then count days and seconds in 64 bits.
-  const int64_t months = static_cast<int64_t>(t->tm_mon);
-  const int64_t year = 1900 + static_cast<int64_t>(t->tm_year) + FloorDiv(months, 12);
-  const int month = static_cast<int>(months - FloorDiv(months, 12) * 12);
+  const int yearsCarried = FloorDiv<int>(t->tm_mon, 12);
+  const int64_t year = 1900 + static_cast<int64_t>(t->tm_year) + yearsCarried;
+  const int month = t->tm_mon - yearsCarried * 12;
   const int64_t days = DaysFromCivil(year, month + 1, 1) + t->tm_mday - 1;
   const int64_t seconds = days * kSecondsPerDay +
                           static_cast<int64_t>(t->tm_hour) * 3600 +
@@ -397,8 +442,8 @@ std::vector<int64_t> ZoneChangeInstantsForTesting(const char* olsonZone,
         d.transitions.empty() ? from : std::max(from, d.transitions.back());
     int64_t y0, y1;
     int m, day;
-    CivilFromDays(FloorDiv(ruleFrom, kSecondsPerDay), &y0, &m, &day);
-    CivilFromDays(FloorDiv(to, kSecondsPerDay), &y1, &m, &day);
+    CivilFromDays(FloorDiv<int64_t>(ruleFrom, kSecondsPerDay), &y0, &m, &day);
+    CivilFromDays(FloorDiv<int64_t>(to, kSecondsPerDay), &y1, &m, &day);
     for (int64_t y = y0 - 1; y <= y1 + 1; ++y) {
       for (int64_t c : {RuleChange(d.rule.start, y, d.rule.stdOffset),
                         RuleChange(d.rule.end, y, d.rule.dstOffset)}) {
