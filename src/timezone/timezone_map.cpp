@@ -124,7 +124,7 @@ std::atomic<CTimeZoneMap*> CTimeZoneMap::m_Instance{nullptr};
 CTimeZoneMap* CTimeZoneMap::GetInstance() {
   CTimeZoneMap* instance = m_Instance.load(std::memory_order_acquire);
   if (instance != nullptr) return instance;
-  // No lock, by design: racing first calls each build a map and the last
+  // No lock, on purpose: racing first calls each build a map and the last
   // store wins; the others stay allocated and unused. The map is filled
   // before it is published, and an exception while filling frees it and
   // leaves the instance unset.

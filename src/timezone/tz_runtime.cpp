@@ -418,6 +418,9 @@ time_t qktimegm(struct tm* t) {
 
 struct tm* qkspecificlocaltime64_r(const int64_t* t, struct tm* result,
                                    const char* olsonZone) {
+  // Far beyond any year tm_year can hold; keeps t + offset from overflowing.
+  constexpr int64_t kLimit = int64_t{1} << 58;
+  if (*t > kLimit || *t < -kLimit) return nullptr;
   const SZone* zone = Cache().Get(olsonZone != nullptr ? olsonZone : "");
   return LocalTimeIn(*zone, *t, result) ? result : nullptr;
 }

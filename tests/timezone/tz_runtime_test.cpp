@@ -119,6 +119,17 @@ TEST(ZoneRuntimeGlibcTest, PlatformTimeTFormAgreesWithTheWideForm) {
   }
 }
 
+TEST(ZoneRuntimeTest, InstantsBeyondAnyYearGiveNull) {
+  struct tm tm;
+  for (int64_t t : {INT64_MAX, INT64_MIN, int64_t{1} << 60}) {
+    EXPECT_EQ(nullptr, qkspecificlocaltime64_r(&t, &tm, "Europe/Berlin")) << t;
+  }
+  // The largest year tm_year holds still converts.
+  const int64_t far = 67768036160140800LL;  // 2147485547-01-01 (tm_year INT_MAX)
+  ASSERT_EQ(&tm, qkspecificlocaltime64_r(&far, &tm, "Asia/Tokyo"));
+  EXPECT_EQ(INT_MAX, tm.tm_year);
+}
+
 // --- UTC arithmetic ---------------------------------------------------------
 
 TEST(QkTimeGmTest, AgreesWithTimegmIncludingOutOfRangeFields) {
