@@ -84,17 +84,27 @@ void CivilFromDays(int64_t z, int64_t* y, int* m, int* d) {
 
 bool IsLeap(int64_t y) { return (y % 4 == 0 && y % 100 != 0) || y % 400 == 0; }
 
+// 0 is Sunday; 1970-01-01 was a Thursday.
+int WeekDay(int64_t days) {
+  if (days > -kNarrowDays && days < kNarrowDays) {
+    const int32_t w = static_cast<int32_t>(days) + 4;
+    return w - FloorDiv<int32_t>(w, 7) * 7;
+  }
+  const int64_t w = days + 4;
+  return static_cast<int>(w - FloorDiv<int64_t>(w, 7) * 7);
+}
+
+const int kDaysBefore[] = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};
+const int kMonthDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+
 // Date fields of a day count, all in T: year, month 1..12, day 1..31, day
 // of the year 0..365 and day of the week 0..6 (0 is Sunday).
 template <typename T>
 void DayFields(T days, T* y, int* m, int* d, int* yday, int* wday) {
   CivilFromDaysT<T>(days, y, m, d);
   const bool leap = (*y % 4 == 0 && *y % 100 != 0) || *y % 400 == 0;
-  static const int kDaysBefore[] = {0, 31, 59, 90, 120, 151,
-                                    181, 212, 243, 273, 304, 334};
   *yday = kDaysBefore[*m - 1] + *d - 1 + (leap && *m > 2 ? 1 : 0);
-  const T w = days + 4;  // 1970-01-01 was a Thursday
-  *wday = static_cast<int>(w - FloorDiv<T>(w, 7) * 7);
+  *wday = WeekDay(days);
 }
 
 // Breaks `local` seconds down into the date and time fields of *out. False
@@ -138,11 +148,8 @@ int64_t RuleChange(const STzRuleDate& r, int64_t year, int32_t offset) {
       break;
     case STzRuleDate::MONTH_WEEK_DAY: {
       const int64_t first = DaysFromCivil(year, r.month, 1);
-      const int firstWday =
-          static_cast<int>(first + 4 - FloorDiv<int64_t>(first + 4, 7) * 7);
+      const int firstWday = WeekDay(first);
       int mday = (r.day - firstWday + 7) % 7;  // zero-based
-      static const int kMonthDays[] = {31, 28, 31, 30, 31, 30,
-                                       31, 31, 30, 31, 30, 31};
       const int monthDays =
           kMonthDays[r.month - 1] + (r.month == 2 && IsLeap(year) ? 1 : 0);
       for (int i = 1; i < r.week && mday + 7 < monthDays; ++i) mday += 7;
@@ -394,6 +401,22 @@ int64_t qktimegm64(struct tm* t) {
   const int64_t seconds = days * kSecondsPerDay +
                           static_cast<int64_t>(t->tm_hour) * 3600 +
                           static_cast<int64_t>(t->tm_min) * 60 + t->tm_sec;
+  const bool leap = IsLeap(year);
+  if (t->tm_mday >= 1 &&
+      t->tm_mday <= kMonthDays[month] + (leap && month == 1 ? 1 : 0) &&
+      t->tm_hour >= 0 && t->tm_hour < 24 && t->tm_min >= 0 && t->tm_min < 60 &&
+      t->tm_sec >= 0 && t->tm_sec < 60 && year - 1900 <= INT_MAX &&
+      year - 1900 >= INT_MIN) {
+    // Already in range, the usual case: only the derived fields are set.
+    t->tm_year = static_cast<int>(year - 1900);
+    t->tm_mon = month;
+    t->tm_yday = kDaysBefore[month] + t->tm_mday - 1 + (leap && month > 1 ? 1 : 0);
+    t->tm_wday = WeekDay(days);
+    t->tm_isdst = 0;
+    t->tm_gmtoff = 0;
+    t->tm_zone = "GMT";
+    return seconds;
+  }
   tm normal = *t;
   if (BreakDown(seconds, &normal)) {
     normal.tm_isdst = 0;

@@ -164,6 +164,26 @@ TEST(QkTimeGmTest, AgreesWithTimegmIncludingOutOfRangeFields) {
   }
 }
 
+TEST(QkTimeGmTest, AgreesWithTimegmForInRangeFields) {
+  std::mt19937 rng(11);
+  std::uniform_int_distribution<int> year(2, 137), mon(0, 11), mday(1, 31),
+      hour(0, 23), minute(0, 59), sec(0, 59);
+  for (int i = 0; i < 20000; ++i) {
+    struct tm in;
+    std::memset(&in, 0, sizeof in);
+    in.tm_year = year(rng);
+    in.tm_mon = mon(rng);
+    in.tm_mday = mday(rng);  // 29..31 overflow short months
+    in.tm_hour = hour(rng);
+    in.tm_min = minute(rng);
+    in.tm_sec = sec(rng);
+    struct tm theirs = in, ours = in;
+    ASSERT_EQ(timegm(&theirs), qktimegm(&ours)) << i;
+    ASSERT_TRUE(ToRecord(theirs) == ToRecord(ours))
+        << ToString(ToRecord(theirs)) << " / " << ToString(ToRecord(ours));
+  }
+}
+
 TEST(QkTimeGmTest, WideFormGoesPast2038) {
   struct tm t;
   std::memset(&t, 0, sizeof t);
