@@ -9,6 +9,7 @@
 #include "ambit/portable.h"
 #include "ambit/qos.h"
 #include "ambit/sharedmemory.h"
+#include "ambit/timezone.h"
 #include "ambit/trace.h"
 
 #endif  // AMBIT_AMBIT_H_

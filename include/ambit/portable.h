@@ -218,6 +218,50 @@ class AMBIT_API CPortable {
   // 71.6 minutes), not forever; other values sleep ms * 1000 microseconds
   // computed in 32 bits, so values above 4294967 wrap.
   static void Sleep(unsigned long ms);
+
+  // --- Time zones -------------------------------------------------------------
+  // Conversions for a zone named by a Windows zone key, independent of the
+  // process's own zone: TZ is neither read nor changed, so any thread may
+  // call them at any time. They return 1 whatever the input.
+
+  // A Windows-style zone record. Only StandardName is read: a narrow,
+  // zero-terminated Windows zone key name such as "W. Europe Standard Time",
+  // at byte offset 4. The other fields keep the byte image of the Windows
+  // record, each 32-character wide name taking 64 narrow characters here,
+  // and are not read by any operation.
+  struct _TIME_ZONE_INFORMATION {
+    long Bias;
+    char StandardName[64];
+    SYSTEMTIME StandardDate;
+    long StandardBias;
+    char DaylightName[64];
+    SYSTEMTIME DaylightDate;
+    long DaylightBias;
+  };
+
+  // The Olson zone name of a Windows zone key name (exact, case-sensitive
+  // match), or "" when the name is not in the table; never null. The text
+  // belongs to the library and stays valid until the process ends.
+  static const char* WindowsTimeZoneStringToLinuxTimeZoneString(
+      const char* windowsName);
+
+  // UTC calendar fields to the wall-clock fields of the record's zone, with
+  // the day of the week recomputed and the milliseconds copied. A record
+  // whose StandardName is not in the table means GMT, so the UTC fields come
+  // back unchanged. Years before 1970 are read as 1970; other fields out of
+  // range are carried over, not rejected.
+  static int SystemTimeToTzSpecificLocalTime(const _TIME_ZONE_INFORMATION* tzi,
+                                             const SYSTEMTIME* utc,
+                                             SYSTEMTIME* local);
+  // The fields of `st` read as UTC, as a file time. The record's zone is
+  // looked up and converted to, but does not change the value: the same
+  // fields give the same file time for every record. Callers rely on this.
+  static int ULLTzSpecificSystemTimeToFileTime(
+      const _TIME_ZONE_INFORMATION* tzi, const SYSTEMTIME* st,
+      unsigned long long* fileTime);
+  static int TzSpecificSystemTimeToFileTime(const _TIME_ZONE_INFORMATION* tzi,
+                                            const SYSTEMTIME* st,
+                                            FILETIME* fileTime);
 };
 
 static_assert(sizeof(CPortable::PUUID) == 16, "PUUID is 16 bytes");
@@ -247,5 +291,24 @@ extern AMBIT_API const time_t g_timeDayOfInfamy;
 
 static_assert(sizeof(CPortable::FILETIME) == 8, "FILETIME is 8 bytes");
 static_assert(sizeof(CPortable::SYSTEMTIME) == 16, "SYSTEMTIME is 16 bytes");
+
+// The zone record has the Windows record's byte layout, with the standard
+// name narrow at byte 4.
+static_assert(offsetof(CPortable::_TIME_ZONE_INFORMATION, Bias) == 0,
+              "Bias at 0");
+static_assert(offsetof(CPortable::_TIME_ZONE_INFORMATION, StandardName) == 4,
+              "StandardName at 4");
+static_assert(offsetof(CPortable::_TIME_ZONE_INFORMATION, StandardDate) == 68,
+              "StandardDate at 68");
+static_assert(offsetof(CPortable::_TIME_ZONE_INFORMATION, StandardBias) == 84,
+              "StandardBias at 84");
+static_assert(offsetof(CPortable::_TIME_ZONE_INFORMATION, DaylightName) == 88,
+              "DaylightName at 88");
+static_assert(offsetof(CPortable::_TIME_ZONE_INFORMATION, DaylightDate) == 152,
+              "DaylightDate at 152");
+static_assert(offsetof(CPortable::_TIME_ZONE_INFORMATION, DaylightBias) == 168,
+              "DaylightBias at 168");
+static_assert(sizeof(CPortable::_TIME_ZONE_INFORMATION) == 172,
+              "_TIME_ZONE_INFORMATION is 172 bytes");
 
 #endif  // AMBIT_PORTABLE_H_
