@@ -4,11 +4,13 @@
 // The whole public interface of libambit.
 
 #include "ambit/critsec.h"
+#include "ambit/event.h"
 #include "ambit/exception.h"
 #include "ambit/export.h"
 #include "ambit/portable.h"
 #include "ambit/qos.h"
 #include "ambit/sharedmemory.h"
+#include "ambit/thread.h"
 #include "ambit/timezone.h"
 #include "ambit/trace.h"
 

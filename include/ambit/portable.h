@@ -7,6 +7,9 @@
 
 #include "ambit/export.h"
 
+// A thread priority. The library accepts any value and ignores it.
+enum E_QK_THREAD_PRIORITY : int {};
+
 // Windows-named services on Linux, as static operations: errors, process and
 // thread identifiers, clocks and Windows-style time records. Every operation
 // is reentrant and may be called from any thread; none of them throws except
@@ -66,6 +69,33 @@ class AMBIT_API CPortable {
   static unsigned long GetCurrentPThreadId();
   // Exists for source compatibility only; its result means nothing.
   static unsigned long GetCurrentThreadHandle();
+
+  // --- Threads ----------------------------------------------------------------
+
+  // Starts function(argument) on a new detached thread named `name` and
+  // returns its kernel thread id once the thread runs and has named itself,
+  // or 0 on failure. *pthreadId (when not null) gets the pthread handle, 0
+  // on failure. The kernel name is the first three characters of the
+  // creator's name (up to its first '.'), '.', and `name`, cut to 15.
+  static unsigned long CreateThread(void (*function)(void*), void* argument,
+                                    unsigned long* pthreadId, std::string name);
+  // The same for a joinable thread: the handle is for WaitForThreadToTerminate.
+  static unsigned long CreateThreadJoinable(void (*function)(void*), void* argument,
+                                            unsigned long* pthreadId, std::string name);
+  // Names the calling thread as above; nothing for an empty name. Returns 0.
+  static int SetCurrentThreadName(std::string name);
+  // Accepts and ignores the priority; returns 0.
+  static int SetCurrentThreadPriority(E_QK_THREAD_PRIORITY priority);
+  // Joins a joinable thread: 0 when it ended; with timeoutMs 0, 0xE0000000
+  // while it still runs; with a finite timeout, 0xD0000000 when it expires
+  // (the join reports its own time-out, not "busy"); 0xD0000000 on errors.
+  // 0xFFFFFFFF waits without limit.
+  static unsigned long WaitForThreadToTerminate(unsigned long pthreadHandle,
+                                                unsigned long timeoutMs);
+  // pthread_cancel; always 1.
+  static int TerminateThread(unsigned long pthreadHandle, unsigned long exitCode);
+  // Ends the calling thread with exitCode as its exit value.
+  [[noreturn]] static void EndThread(unsigned long exitCode);
 
   // --- Clocks and time records ----------------------------------------------
   // The conversions return 1 whatever the input; no field is validated.

@@ -1,6 +1,7 @@
 #ifndef AMBIT_TRACE_TRACE_IMPL_H_
 #define AMBIT_TRACE_TRACE_IMPL_H_
 
+#include "ambit/portable.h"
 #include "ambit/trace.h"
 
 // Level bit of error and dump lines on the direct path; also the level
