@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "ambit/exception.h"
+#include "sync/wall_deadline.h"
 #include "trace/trace_impl.h"
 
 namespace {
@@ -89,16 +90,7 @@ unsigned long CPEventImpl::wait(unsigned long timeoutMs) {
     if (timeoutMs == 0xFFFFFFFFUL) {
       r = pthread_cond_wait(m_pCond, m_pMutex);
     } else {
-      timeval now;
-      ::gettimeofday(&now, nullptr);
-      timespec deadline;
-      deadline.tv_sec = now.tv_sec + static_cast<time_t>(timeoutMs / 1000);
-      long ns = (static_cast<long>(timeoutMs % 1000) * 1000 + now.tv_usec) * 1000;
-      if (ns > 999999999) {
-        ns -= 1000000000;
-        deadline.tv_sec += 1;
-      }
-      deadline.tv_nsec = ns;
+      const timespec deadline = WallDeadline(timeoutMs);
       r = pthread_cond_timedwait(m_pCond, m_pMutex, &deadline);
     }
     if (r == 0) {
