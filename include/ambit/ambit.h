@@ -4,11 +4,14 @@
 // The whole public interface of libambit.
 
 #include "ambit/critsec.h"
+#include "ambit/enumnamedobjects.h"
 #include "ambit/event.h"
 #include "ambit/exception.h"
 #include "ambit/export.h"
+#include "ambit/multievent.h"
 #include "ambit/portable.h"
 #include "ambit/qos.h"
+#include "ambit/semaphore.h"
 #include "ambit/sharedmemory.h"
 #include "ambit/thread.h"
 #include "ambit/timezone.h"

@@ -79,6 +79,9 @@ class AMBIT_API AmbitDebug {
   // g_pAmbitTrace as the hook when a category bit (mask 0xFC) is set and
   // removes the hook otherwise, replacing any client hook either way.
   static void setAmbitTrace(unsigned long newLevel);
+  // Writes the registry of named segments and the table of named objects
+  // to the log (level bit 2).
+  static void dumpNamedObjectsInfo();
 };
 
 // Forwards the line to the installed hook's traceConditional(); does nothing
