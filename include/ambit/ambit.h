@@ -3,6 +3,7 @@
 
 // The whole public interface of libambit.
 
+#include "ambit/convertutf.h"
 #include "ambit/critsec.h"
 #include "ambit/exception.h"
 #include "ambit/export.h"
