@@ -146,11 +146,14 @@ inline bool AllAsciiNonZero16(uint32_t w) {
 template <typename Unit>
 class BufferSink {
  public:
-  BufferSink(Unit* p, Unit* end) : m_p(p), m_end(end) {}
+  // An end before the start is taken as no room at all.
+  BufferSink(Unit* p, Unit* end) : m_p(p), m_end(end < p ? p : end) {}
 
   static constexpr bool kCountsOnly = false;
 
-  size_t Room() const { return Remaining(m_p, m_end); }
+  size_t Room() const {
+    return (reinterpret_cast<uintptr_t>(m_end) - reinterpret_cast<uintptr_t>(m_p)) / sizeof(Unit);
+  }
   void Put(UTF32 u) { *m_p++ = static_cast<Unit>(u); }
   Unit* Position() const { return m_p; }
   // Takes n units written in place at Position(); Room() >= n.
@@ -193,11 +196,91 @@ class CountSink {
   unsigned m_count = 0;
 };
 
+inline bool IsContinuation(UTF32 b) { return (b & 0xC0) == 0x80; }
+
+// --- ASCII runs ------------------------------------------------------------------
+
+// True for a unit 0x01..0x7F: ASCII, and not the zero that stops a
+// conversion.
+template <typename U>
+inline bool IsAsciiNonZero(U u) {
+  return static_cast<uint32_t>(u) - 1U < 0x7FU;
+}
+
+// Takes a run of ASCII from `source` a group of four units at a time, while
+// both buffers have room for a whole group. `Pack` gives the four units as
+// the bytes of one word, or false when any of them is not 0x01..0x7F; the
+// units of that last group up to the first such one are then taken one by
+// one (the scan cannot leave the group). Returns whether anything was
+// taken: false only when less than a group fits, or the first unit is not
+// 0x01..0x7F.
+template <typename S, typename Sink, typename Pack>
+inline bool TakeAsciiGroups(const S*& source, const S* sourceEnd, Sink& sink, Pack pack) {
+  size_t n = Remaining(source, sourceEnd);
+  const size_t room = sink.Room();
+  if (room < n) n = room;
+  if (n < 4) return false;
+  const S* const from = source;
+  const S* const stop = source + (n & ~size_t(3));
+  do {
+    uint32_t w;
+    if (!pack(source, &w)) {
+      while (IsAsciiNonZero(*source)) sink.Put(*source++);
+      break;
+    }
+    sink.PutAscii4(w);
+    source += 4;
+  } while (source < stop);
+  return source != from;
+}
+
+// Where a bulk loop must stop so that, at every check of `source < end`,
+// at least four source units remain and the target has room for the
+// largest single step (four units). kOutPerIn bounds the units written per
+// unit consumed by any step: 1 for UTF-8 to UTF-16 or UTF-32, 3 for UTF-16
+// to UTF-8, 4 for UTF-32 to UTF-8. Returns `source` when no bulk step is
+// safe.
+template <unsigned kOutPerIn, typename S, typename Sink>
+inline const S* BulkEnd(const S* source, const S* sourceEnd, const Sink& sink) {
+  size_t n = Remaining(source, sourceEnd);
+  const size_t room = sink.Room();
+  if (n < 4 || room < 4) return source;
+  n -= 3;
+  const size_t byRoom = (room - 4) / kOutPerIn + 1;
+  return source + (byRoom < n ? byRoom : n);
+}
+
+// ASCII characters in a row after which the bulk loops move words.
+constexpr unsigned kLongAsciiRun = 8;
+
+inline bool PackAscii8(const UTF8* s, uint32_t* w) {
+  *w = Load32(s);
+  return AllAsciiNonZero8(*w);
+}
+
+inline bool PackAscii16(const UTF16* s, uint32_t* w) {
+  const uint32_t w0 = Load32(s);
+  const uint32_t w1 = Load32(s + 2);
+  if (!AllAsciiNonZero16(w0) || !AllAsciiNonZero16(w1)) return false;
+  *w = (w0 & 0xFFU) | ((w0 >> 8) & 0xFF00U) | ((w1 & 0xFFU) << 16) | ((w1 << 8) & 0xFF000000U);
+  return true;
+}
+
+inline bool PackAscii32(const UTF32* s, uint32_t* w) {
+  const UTF32 a = s[0], b = s[1], c = s[2], d = s[3];
+  // All below 0x80, and none zero (only a zero wraps on - 1).
+  if (((a | b | c | d) & ~UTF32(0x7F)) != 0 ||
+      (((a - 1) | (b - 1) | (c - 1) | (d - 1)) & 0x80000000UL) != 0)
+    return false;
+  *w = uint32_t(a) | (uint32_t(b) << 8) | (uint32_t(c) << 16) | (uint32_t(d) << 24);
+  return true;
+}
+
 // --- UTF-8 readers ---------------------------------------------------------------
 
-// Puts one decoded code point into a UTF-16 sink, after the sink was found to
-// have at least one unit of room. Returns conversionOK, or the result that
-// stops the conversion (the caller then leaves the source at the sequence).
+// Puts one decoded code point into a UTF-16 sink that has at least one unit
+// of room. Returns conversionOK, or the result that stops the conversion
+// (the caller then leaves the source at the sequence).
 template <typename Sink>
 inline ConversionResult PutAsUtf16(UTF32 ch, Sink& sink, ConversionFlags flags) {
   if (ch <= kMaxBmp) {
@@ -238,103 +321,215 @@ inline ConversionResult PutAsUtf32(UTF32 ch, Sink& sink, ConversionFlags flags,
   return conversionOK;
 }
 
-// UTF-8 to UTF-16 (kToUtf32 false) or UTF-32 (true). Stops at a zero byte.
-template <bool kFast, bool kToUtf32, typename Sink>
-ConversionResult Utf8ToWide(const UTF8** sourceStart, const UTF8* sourceEnd, Sink& sink,
-                            ConversionFlags flags) {
+// One character, exactly as the classic algorithm reads it: the lead byte
+// gives the length; a sequence cut by the end is sourceExhausted and one
+// that fails IsLegalUtf8 is sourceIllegal, both with the source left at the
+// lead; the bytes are accumulated and the offset subtracted; a full target
+// is targetExhausted. On success the source moves past the sequence and the
+// function returns true; otherwise *result is set and the source stays.
+template <bool kToUtf32, typename Sink>
+inline __attribute__((always_inline)) bool StepUtf8(const UTF8*& source, const UTF8* sourceEnd, Sink& sink,
+                     ConversionFlags flags, ConversionResult* result) {
+  const unsigned extra = static_cast<unsigned>(kTrailingBytesForUTF8[*source]);
+  if (extra >= Remaining(source, sourceEnd)) {
+    *result = sourceExhausted;
+    return false;
+  }
+  if (!IsLegalUtf8(source, static_cast<int>(extra) + 1)) {
+    *result = sourceIllegal;
+    return false;
+  }
+  UTF32 ch = 0;
+  const UTF8* p = source;
+  for (unsigned i = 0; i < extra; ++i) {
+    ch += *p++;
+    ch <<= 6;
+  }
+  ch += *p;
+  ch -= kOffsetsFromUTF8[extra];
+  if (sink.Room() < 1) {
+    *result = targetExhausted;
+    return false;
+  }
+  ConversionResult r;
+  if constexpr (kToUtf32)
+    r = PutAsUtf32(ch, sink, flags, result);
+  else
+    r = PutAsUtf16(ch, sink, flags);
+  if (r != conversionOK) {
+    *result = r;
+    return false;
+  }
+  source += extra + 1;
+  return true;
+}
+
+// UTF-8 to UTF-16 (kToUtf32 false) or UTF-32 (true), one character at a
+// time. Stops at a zero byte.
+template <bool kToUtf32, typename Sink>
+ConversionResult Utf8ToWidePlain(const UTF8** sourceStart, const UTF8* sourceEnd, Sink& sink,
+                                 ConversionFlags flags) {
   ConversionResult result = conversionOK;
   const UTF8* source = *sourceStart;
-  while (source < sourceEnd && *source != 0) {
-    if constexpr (kFast) {
-      if (*source < 0x80) {
-        // A run of ASCII, a word at a time while both sides have room.
-        size_t n = Remaining(source, sourceEnd);
-        const size_t room = sink.Room();
-        if (room < n) n = room;
-        while (n >= 8) {
-          const uint32_t w0 = Load32(source);
-          const uint32_t w1 = Load32(source + 4);
-          if (!AllAsciiNonZero8(w0) || !AllAsciiNonZero8(w1)) break;
-          sink.PutAscii4(w0);
-          sink.PutAscii4(w1);
-          source += 8;
-          n -= 8;
-        }
-        if (n >= 4) {
-          const uint32_t w = Load32(source);
+  while (source < sourceEnd && *source != 0)
+    if (!StepUtf8<kToUtf32>(source, sourceEnd, sink, flags, &result)) break;
+  *sourceStart = source;
+  return result;
+}
+
+// The same, fast. Well-formed sequences of 1 to 4 bytes are decoded in line
+// (ASCII a word at a time); everything else (a cut sequence, an ill-formed
+// one, or one of the looser forms that IsLegalUtf8 also admits) goes
+// through StepUtf8. The in-line paths accept only sequences that
+// IsLegalUtf8 accepts and compute the same value, which for these is never
+// a surrogate and never above 0x10FFFF, so no replacement or error can
+// arise on them.
+template <bool kToUtf32, typename Sink>
+ConversionResult Utf8ToWideFast(const UTF8** sourceStart, const UTF8* sourceEnd, Sink& out,
+                                ConversionFlags flags) {
+  // A local copy keeps the write position in a register: byte stores
+  // through the target could otherwise alias the caller's sink.
+  Sink sink = out;
+  ConversionResult result = conversionOK;
+  const UTF8* source = *sourceStart;
+  while (source < sourceEnd) {
+    // In bulk: with four source bytes left and room for four units at every
+    // step (see BulkEnd), no well-formed character can run out of either,
+    // so the common cases need no bounds checks. Anything else leaves for
+    // the checked code.
+    // ASCII goes a byte at a time, like any character, until a run of it
+    // grows long; then a word at a time. Trying words on the short runs of
+    // prose would cost a mispredicted branch on most of them.
+    const UTF8* const bulkEnd = BulkEnd<1>(source, sourceEnd, sink);
+    unsigned asciiRun = 0;
+    while (source < bulkEnd) {
+      const UTF32 c0 = *source;
+      if (c0 < 0x80) {
+        if (c0 == 0) break;
+        if (++asciiRun > kLongAsciiRun) {
+          uint32_t w = Load32(source);
           if (AllAsciiNonZero8(w)) {
-            sink.PutAscii4(w);
-            source += 4;
+            do {
+              sink.PutAscii4(w);
+              source += 4;
+            } while (source < bulkEnd && AllAsciiNonZero8(w = Load32(source)));
+            continue;
           }
         }
-        // One ASCII character more, then back to the loop test, which
-        // stops at a zero or the end.
-        if (source >= sourceEnd || *source == 0) break;
-        if (*source < 0x80) {
+        sink.Put(c0);
+        ++source;
+        continue;
+      }
+      asciiRun = 0;
+      const UTF32 c1 = source[1];
+      if (c0 - 0xC2 < 0x1E) {
+        if (!IsContinuation(c1)) break;
+        sink.Put((c0 << 6) + c1 - kOffsetsFromUTF8[1]);
+        source += 2;
+        continue;
+      }
+      if (c0 - 0xE0 < 0x10) {
+        if (!IsContinuation(c1) || !IsContinuation(source[2]) || (c0 == 0xE0 && c1 < 0xA0) ||
+            (c0 == 0xED && c1 > 0x9F))
+          break;
+        sink.Put((c0 << 12) + (c1 << 6) + source[2] - kOffsetsFromUTF8[2]);
+        source += 3;
+        continue;
+      }
+      if (c0 - 0xF0 < 0x05) {
+        if (!IsContinuation(c1) || !IsContinuation(source[2]) || !IsContinuation(source[3]) ||
+            (c0 == 0xF0 && c1 < 0x90) || (c0 == 0xF4 && c1 > 0x8F))
+          break;
+        UTF32 ch = (c0 << 18) + (c1 << 12) + (UTF32(source[2]) << 6) + source[3] -
+                   kOffsetsFromUTF8[3];
+        if constexpr (kToUtf32) {
+          sink.Put(ch);
+        } else {
+          ch -= kHalfBase;
+          sink.Put((ch >> kHalfShift) + kSurHighStart);
+          sink.Put((ch & kHalfMask) + kSurLowStart);
+        }
+        source += 4;
+        continue;
+      }
+      break;
+    }
+    // One character with every check.
+    if (source >= sourceEnd) break;
+    const UTF32 b0 = *source;
+    if (b0 < 0x80) {
+      if (b0 == 0) break;
+      if (TakeAsciiGroups(source, sourceEnd, sink, PackAscii8)) continue;
+      if (sink.Room() < 1) {
+        result = targetExhausted;
+        break;
+      }
+      sink.Put(b0);
+      ++source;
+      continue;
+    }
+    const size_t avail = Remaining(source, sourceEnd);
+    if (b0 >= 0xC2 && b0 <= 0xDF) {
+      if (avail >= 2 && IsContinuation(source[1])) {
+        if (sink.Room() < 1) {
+          result = targetExhausted;
+          break;
+        }
+        sink.Put((b0 << 6) + source[1] - kOffsetsFromUTF8[1]);
+        source += 2;
+        continue;
+      }
+    } else if (b0 >= 0xE0 && b0 <= 0xEF) {
+      if (avail >= 3) {
+        const UTF32 b1 = source[1];
+        if (IsContinuation(b1) && IsContinuation(source[2]) && (b0 != 0xE0 || b1 >= 0xA0) &&
+            (b0 != 0xED || b1 <= 0x9F)) {
           if (sink.Room() < 1) {
             result = targetExhausted;
             break;
           }
-          sink.Put(*source++);
+          sink.Put((b0 << 12) + (b1 << 6) + source[2] - kOffsetsFromUTF8[2]);
+          source += 3;
+          continue;
+        }
+      }
+    } else if (b0 >= 0xF0 && b0 <= 0xF4) {
+      if (avail >= 4) {
+        const UTF32 b1 = source[1];
+        if (IsContinuation(b1) && IsContinuation(source[2]) && IsContinuation(source[3]) &&
+            (b0 != 0xF0 || b1 >= 0x90) && (b0 != 0xF4 || b1 <= 0x8F)) {
+          UTF32 ch = (b0 << 18) + (b1 << 12) + (UTF32(source[2]) << 6) + source[3] -
+                     kOffsetsFromUTF8[3];
+          if (sink.Room() < (kToUtf32 ? 1 : 2)) {
+            result = targetExhausted;
+            break;
+          }
+          if constexpr (kToUtf32) {
+            sink.Put(ch);
+          } else {
+            ch -= kHalfBase;
+            sink.Put((ch >> kHalfShift) + kSurHighStart);
+            sink.Put((ch & kHalfMask) + kSurLowStart);
+          }
+          source += 4;
           continue;
         }
       }
     }
-    const unsigned extra = static_cast<unsigned>(kTrailingBytesForUTF8[*source]);
-    if (extra >= Remaining(source, sourceEnd)) {
-      result = sourceExhausted;
-      break;
-    }
-    if (!IsLegalUtf8(source, static_cast<int>(extra) + 1)) {
-      result = sourceIllegal;
-      break;
-    }
-    UTF32 ch = 0;
-    if constexpr (kFast) {
-      // IsLegalUtf8 admits at most four bytes.
-      switch (extra) {
-        case 0:
-          ch = source[0];
-          break;
-        case 1:
-          ch = (UTF32(source[0]) << 6) + source[1] - kOffsetsFromUTF8[1];
-          break;
-        case 2:
-          ch = (UTF32(source[0]) << 12) + (UTF32(source[1]) << 6) + source[2] -
-               kOffsetsFromUTF8[2];
-          break;
-        default:
-          ch = (UTF32(source[0]) << 18) + (UTF32(source[1]) << 12) +
-               (UTF32(source[2]) << 6) + source[3] - kOffsetsFromUTF8[3];
-          break;
-      }
-    } else {
-      const UTF8* p = source;
-      for (unsigned i = 0; i < extra; ++i) {
-        ch += *p++;
-        ch <<= 6;
-      }
-      ch += *p;
-      ch -= kOffsetsFromUTF8[extra];
-    }
-    if (sink.Room() < 1) {
-      result = targetExhausted;
-      break;
-    }
-    ConversionResult r;
-    if constexpr (kToUtf32) {
-      r = PutAsUtf32(ch, sink, flags, &result);
-    } else {
-      r = PutAsUtf16(ch, sink, flags);
-    }
-    if (r != conversionOK) {
-      result = r;
-      break;
-    }
-    source += extra + 1;
+    if (!StepUtf8<kToUtf32>(source, sourceEnd, sink, flags, &result)) break;
   }
+  out = sink;
   *sourceStart = source;
   return result;
+}
+
+template <bool kFast, bool kToUtf32, typename Sink>
+ConversionResult Utf8ToWide(const UTF8** sourceStart, const UTF8* sourceEnd, Sink& sink,
+                            ConversionFlags flags) {
+  if constexpr (kFast)
+    return Utf8ToWideFast<kToUtf32>(sourceStart, sourceEnd, sink, flags);
+  else
+    return Utf8ToWidePlain<kToUtf32>(sourceStart, sourceEnd, sink, flags);
 }
 
 // --- UTF-8 writers -------------------------------------------------------------
@@ -348,7 +543,9 @@ inline unsigned Utf8Length(UTF32 ch) {
   return 3;
 }
 
-// Writes ch in `length` bytes, the last first. The sink has room for them.
+// Writes ch in `length` bytes, the last first: each continuation byte takes
+// the low six bits, and the lead byte gets the mark for the length. The
+// sink has room for them.
 template <typename Sink>
 inline void PutUtf8(UTF32 ch, unsigned length, Sink& sink) {
   if constexpr (Sink::kCountsOnly) {
@@ -375,126 +572,227 @@ inline void PutUtf8(UTF32 ch, unsigned length, Sink& sink) {
   }
 }
 
-// UTF-16 to UTF-8. Stops at a zero unit.
+// One UTF-16 character the classic way: pairs are joined, a high surrogate
+// as the last unit is sourceExhausted, an unpaired surrogate is
+// sourceIllegal under strict and passed on under lenient; a character that
+// does not fit whole is targetExhausted. Returns false with *result set when
+// the conversion stops, the source left at the character.
+template <typename Sink>
+inline __attribute__((always_inline)) bool StepUtf16ToUtf8(const UTF16*& source, const UTF16* sourceEnd, Sink& sink,
+                            ConversionFlags flags, ConversionResult* result) {
+  const UTF16* next = source;
+  UTF32 ch = *next++;
+  if (ch >= kSurHighStart && ch <= kSurHighEnd) {
+    if (next < sourceEnd) {
+      const UTF32 ch2 = *next;
+      if (ch2 >= kSurLowStart && ch2 <= kSurLowEnd) {
+        ch = ((ch - kSurHighStart) << kHalfShift) + (ch2 - kSurLowStart) + kHalfBase;
+        ++next;
+      } else if (flags == strictConversion) {
+        *result = sourceIllegal;
+        return false;
+      }
+    } else {
+      *result = sourceExhausted;
+      return false;
+    }
+  } else if (flags == strictConversion) {
+    if (ch >= kSurLowStart && ch <= kSurLowEnd) {
+      *result = sourceIllegal;
+      return false;
+    }
+  }
+  const unsigned length = Utf8Length(ch);
+  if (ch > kMaxLegalUtf32) ch = kReplacementChar;
+  if (sink.Room() < length) {
+    *result = targetExhausted;
+    return false;
+  }
+  PutUtf8(ch, length, sink);
+  source = next;
+  return true;
+}
+
+// One UTF-32 character the classic way: a surrogate is sourceIllegal under
+// strict; a value above 0x10FFFF becomes U+FFFD with sourceIllegal recorded
+// in *result and the conversion going on; a character that does not fit
+// whole is targetExhausted.
+template <typename Sink>
+inline __attribute__((always_inline)) bool StepUtf32ToUtf8(const UTF32*& source, Sink& sink, ConversionFlags flags,
+                            ConversionResult* result) {
+  UTF32 ch = *source;
+  if (flags == strictConversion) {
+    if (ch >= kSurHighStart && ch <= kSurLowEnd) {
+      *result = sourceIllegal;
+      return false;
+    }
+  }
+  const unsigned length = Utf8Length(ch);
+  if (ch > kMaxLegalUtf32) {
+    ch = kReplacementChar;
+    *result = sourceIllegal;
+  }
+  if (sink.Room() < length) {
+    *result = targetExhausted;
+    return false;
+  }
+  PutUtf8(ch, length, sink);
+  ++source;
+  return true;
+}
+
+// UTF-16 to UTF-8. Stops at a zero unit. The fast form writes ASCII groups,
+// BMP characters other than surrogates and proper pairs in line, and leaves
+// lone surrogates and cut pairs to StepUtf16ToUtf8.
 template <bool kFast, typename Sink>
-ConversionResult Utf16ToUtf8(const UTF16** sourceStart, const UTF16* sourceEnd, Sink& sink,
+ConversionResult Utf16ToUtf8(const UTF16** sourceStart, const UTF16* sourceEnd, Sink& out,
                              ConversionFlags flags) {
+  // A local copy keeps the write position in a register: byte stores
+  // through the target could otherwise alias the caller's sink.
+  Sink sink = out;
   ConversionResult result = conversionOK;
   const UTF16* source = *sourceStart;
   while (source < sourceEnd && *source != 0) {
     if constexpr (kFast) {
-      if (*source < 0x80) {
-        size_t n = Remaining(source, sourceEnd);
-        const size_t room = sink.Room();
-        if (room < n) n = room;
-        while (n >= 4) {
-          const uint32_t w0 = Load32(source);
-          const uint32_t w1 = Load32(source + 2);
-          if (!AllAsciiNonZero16(w0) || !AllAsciiNonZero16(w1)) break;
-          sink.PutAscii4((w0 & 0xFFU) | ((w0 >> 8) & 0xFF00U) | ((w1 & 0xFFU) << 16) |
-                         ((w1 << 8) & 0xFF000000U));
-          source += 4;
-          n -= 4;
-        }
-        if (source >= sourceEnd || *source == 0) break;
-        if (*source < 0x80) {
-          if (sink.Room() < 1) {
-            result = targetExhausted;
-            break;
+      // In bulk (see BulkEnd): ASCII, other BMP characters and proper pairs
+      // need no bounds checks.
+      const UTF16* const bulkEnd = BulkEnd<3>(source, sourceEnd, sink);
+      unsigned asciiRun = 0;
+      while (source < bulkEnd) {
+        UTF32 c = *source;
+        if (c < 0x80) {
+          if (c == 0) break;
+          uint32_t w;
+          if (++asciiRun > kLongAsciiRun && PackAscii16(source, &w)) {
+            do {
+              sink.PutAscii4(w);
+              source += 4;
+            } while (source < bulkEnd && PackAscii16(source, &w));
+            continue;
           }
-          sink.Put(*source++);
+          sink.Put(c);
+          ++source;
           continue;
         }
-      }
-    }
-    const UTF16* next = source;
-    UTF32 ch = *next++;
-    if (ch >= kSurHighStart && ch <= kSurHighEnd) {
-      if (next < sourceEnd) {
-        const UTF32 ch2 = *next;
-        if (ch2 >= kSurLowStart && ch2 <= kSurLowEnd) {
-          ch = ((ch - kSurHighStart) << kHalfShift) + (ch2 - kSurLowStart) + kHalfBase;
-          ++next;
-        } else if (flags == strictConversion) {
-          result = sourceIllegal;
+        asciiRun = 0;
+        if (c < 0x800) {
+          PutUtf8(c, 2, sink);
+          ++source;
+        } else if (c < kSurHighStart || c > kSurLowEnd) {
+          PutUtf8(c, 3, sink);
+          ++source;
+        } else if (c <= kSurHighEnd && source[1] >= kSurLowStart && source[1] <= kSurLowEnd) {
+          c = ((c - kSurHighStart) << kHalfShift) + (source[1] - kSurLowStart) + kHalfBase;
+          PutUtf8(c, 4, sink);
+          source += 2;
+        } else {
           break;
         }
-      } else {
-        result = sourceExhausted;
-        break;
       }
-    } else if (flags == strictConversion) {
-      if (ch >= kSurLowStart && ch <= kSurLowEnd) {
-        result = sourceIllegal;
-        break;
+      if (source >= sourceEnd || *source == 0) break;
+      UTF32 ch = *source;
+      unsigned length = 0, units = 1;
+      if (ch < 0x80) {
+        if (TakeAsciiGroups(source, sourceEnd, sink, PackAscii16)) continue;
+        length = 1;
+      } else if (ch < 0x800) {
+        length = 2;
+      } else if (ch < kSurHighStart || ch > kSurLowEnd) {
+        length = 3;
+      } else if (ch <= kSurHighEnd && Remaining(source, sourceEnd) >= 2 &&
+                 source[1] >= kSurLowStart && source[1] <= kSurLowEnd) {
+        ch = ((ch - kSurHighStart) << kHalfShift) + (source[1] - kSurLowStart) + kHalfBase;
+        length = 4;
+        units = 2;
+      }
+      if (length != 0) {
+        if (sink.Room() < length) {
+          result = targetExhausted;
+          break;
+        }
+        PutUtf8(ch, length, sink);
+        source += units;
+        continue;
       }
     }
-    unsigned length = Utf8Length(ch);
-    if (ch >= 0x110000) ch = kReplacementChar;
-    if (sink.Room() < length) {
-      result = targetExhausted;
-      break;
-    }
-    PutUtf8(ch, length, sink);
-    source = next;
+    if (!StepUtf16ToUtf8(source, sourceEnd, sink, flags, &result)) break;
   }
+  out = sink;
   *sourceStart = source;
   return result;
 }
 
-// UTF-32 to UTF-8. Stops at a zero unit.
+// UTF-32 to UTF-8. Stops at a zero unit. The fast form writes ASCII groups
+// and scalar values in line, and leaves surrogates and values above
+// 0x10FFFF to StepUtf32ToUtf8.
 template <bool kFast, typename Sink>
-ConversionResult Utf32ToUtf8(const UTF32** sourceStart, const UTF32* sourceEnd, Sink& sink,
+ConversionResult Utf32ToUtf8(const UTF32** sourceStart, const UTF32* sourceEnd, Sink& out,
                              ConversionFlags flags) {
+  // A local copy keeps the write position in a register: byte stores
+  // through the target could otherwise alias the caller's sink.
+  Sink sink = out;
   ConversionResult result = conversionOK;
   const UTF32* source = *sourceStart;
   while (source < sourceEnd && *source != 0) {
     if constexpr (kFast) {
-      if (*source < 0x80) {
-        size_t n = Remaining(source, sourceEnd);
-        const size_t room = sink.Room();
-        if (room < n) n = room;
-        while (n >= 4) {
-          const UTF32 a = source[0], b = source[1], c = source[2], d = source[3];
-          // All below 0x80, and none zero (only a zero wraps on - 1).
-          if (((a | b | c | d) & ~UTF32(0x7F)) != 0 ||
-              (((a - 1) | (b - 1) | (c - 1) | (d - 1)) & 0x80000000UL) != 0)
-            break;
-          sink.PutAscii4(uint32_t(a) | (uint32_t(b) << 8) | (uint32_t(c) << 16) |
-                         (uint32_t(d) << 24));
-          source += 4;
-          n -= 4;
-        }
-        if (source >= sourceEnd || *source == 0) break;
-        if (*source < 0x80) {
-          if (sink.Room() < 1) {
-            result = targetExhausted;
-            break;
+      // In bulk (see BulkEnd): scalar values need no bounds checks.
+      const UTF32* const bulkEnd = BulkEnd<4>(source, sourceEnd, sink);
+      unsigned asciiRun = 0;
+      while (source < bulkEnd) {
+        const UTF32 c = *source;
+        if (c < 0x80) {
+          if (c == 0) break;
+          uint32_t w;
+          if (++asciiRun > kLongAsciiRun && PackAscii32(source, &w)) {
+            do {
+              sink.PutAscii4(w);
+              source += 4;
+            } while (source < bulkEnd && PackAscii32(source, &w));
+            continue;
           }
-          sink.Put(*source++);
+          sink.Put(c);
+          ++source;
           continue;
         }
+        asciiRun = 0;
+        if (c < 0x800) {
+          PutUtf8(c, 2, sink);
+        } else if (c < 0x10000) {
+          if (c >= kSurHighStart && c <= kSurLowEnd) break;
+          PutUtf8(c, 3, sink);
+        } else if (c <= kMaxLegalUtf32) {
+          PutUtf8(c, 4, sink);
+        } else {
+          break;
+        }
+        ++source;
+      }
+      if (source >= sourceEnd || *source == 0) break;
+      const UTF32 ch = *source;
+      unsigned length = 0;
+      if (ch < 0x80) {
+        if (TakeAsciiGroups(source, sourceEnd, sink, PackAscii32)) continue;
+        length = 1;
+      } else if (ch < 0x800) {
+        length = 2;
+      } else if (ch < 0x10000) {
+        if (ch < kSurHighStart || ch > kSurLowEnd) length = 3;
+      } else if (ch <= kMaxLegalUtf32) {
+        length = 4;
+      }
+      if (length != 0) {
+        if (sink.Room() < length) {
+          result = targetExhausted;
+          break;
+        }
+        PutUtf8(ch, length, sink);
+        ++source;
+        continue;
       }
     }
-    UTF32 ch = *source;
-    if (flags == strictConversion) {
-      if (ch >= kSurHighStart && ch <= kSurLowEnd) {
-        result = sourceIllegal;
-        break;
-      }
-    }
-    const unsigned length = Utf8Length(ch);
-    if (ch > kMaxLegalUtf32) {
-      ch = kReplacementChar;
-      result = sourceIllegal;
-    }
-    if (sink.Room() < length) {
-      result = targetExhausted;
-      break;
-    }
-    PutUtf8(ch, length, sink);
-    ++source;
+    if (!StepUtf32ToUtf8(source, sink, flags, &result)) break;
   }
+  out = sink;
   *sourceStart = source;
   return result;
 }
