@@ -38,8 +38,9 @@ enum ConversionResult {
 
 // Strict treats surrogate code points in UTF-32 or UTF-8 input, and unpaired
 // surrogates in UTF-16 input, as errors; any non-zero value is lenient and
-// replaces them with U+FFFD or passes them through.
-enum ConversionFlags {
+// replaces them with U+FFFD or passes them through. The underlying type is
+// fixed so that every int value is a valid flags value.
+enum ConversionFlags : int {
   strictConversion = 0,
   lenientConversion = 1
 };
