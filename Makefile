@@ -3,6 +3,9 @@
 BUILD_DIR ?= build
 ASAN_DIR  ?= build-asan
 BENCH_DIR ?= build-bench
+FUZZ_DIR  ?= build-fuzz
+# How long `make fuzz` runs the fuzzer, in seconds.
+FUZZ_SECONDS ?= 60
 JOBS      ?= $(shell nproc)
 # Tests spend much of their time waiting on other processes: run more of
 # them than there are cores.
@@ -11,7 +14,7 @@ TEST_JOBS ?= $(shell echo $$(( $$(nproc) * 2 )))
 CMAKE_CONFIGURE = cmake -G Ninja -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/i386-toolchain.cmake
 CTEST = ctest --output-on-failure --timeout 300 -j $(TEST_JOBS)
 
-.PHONY: all deps build test demo asan bench clean
+.PHONY: all deps build test demo asan bench fuzz clean
 
 all: build
 
@@ -48,5 +51,17 @@ bench: deps $(BENCH_DIR)/build.ninja
 	  echo "== $$b"; $$b --benchmark_min_time=0.2 --benchmark_repetitions=5 --benchmark_report_aggregates_only=true || exit 1; \
 	done
 
+# The UTF conversion fuzz target (libFuzzer, clang -m32), in its own build
+# directory; new inputs it finds are kept in $(FUZZ_DIR)/corpus.
+$(FUZZ_DIR)/build.ninja:
+	cmake -G Ninja -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/i386-clang-toolchain.cmake \
+	  -S fuzz -B $(FUZZ_DIR)
+
+fuzz: deps $(FUZZ_DIR)/build.ninja
+	cmake --build $(FUZZ_DIR) -j $(JOBS)
+	@mkdir -p $(FUZZ_DIR)/corpus
+	$(FUZZ_DIR)/ambit_fuzz_utf -max_total_time=$(FUZZ_SECONDS) -max_len=1024 \
+	  -print_final_stats=1 -artifact_prefix=$(FUZZ_DIR)/ $(FUZZ_DIR)/corpus fuzz/corpus
+
 clean:
-	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(BENCH_DIR)
+	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(BENCH_DIR) $(FUZZ_DIR)

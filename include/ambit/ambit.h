@@ -3,6 +3,7 @@
 
 // The whole public interface of libambit.
 
+#include "ambit/convertutf.h"
 #include "ambit/critsec.h"
 #include "ambit/enumnamedobjects.h"
 #include "ambit/event.h"
