@@ -192,6 +192,24 @@ class AMBIT_API CPortable {
   // Copies src into dst[size], cut so that no multi-byte UTF-8 character of
   // well-formed text is split. size 0 leaves dst untouched.
   static void truncUTF8(const std::string& src, char* dst, unsigned size);
+  // UTF-32 (32-bit wchar_t) to UTF-8, strict. With dst null: the bytes the
+  // count units need. With dst: writes them (no terminator) and returns how
+  // many; the caller sizes dst first (up to a million bytes past
+  // dst + count + 1 are taken as writable). 0xFFFFFFFF on a conversion
+  // error. Stops early at a zero unit.
+  static unsigned wcstombs(char* dst, const wchar_t* src, unsigned count);
+  // The same into a new[] buffer of the exact size plus a terminator
+  // (free with delete[]), or null for a null src, a zero count or an error.
+  static char* wcstombs(const wchar_t* src, unsigned count);
+  // UTF-8 to UTF-32, strict; the two forms read count differently. With dst
+  // null: count is the number of source bytes, the result the units they
+  // give. With dst: count is the number of units to write, and the source
+  // is read (up to a million bytes) until they are written or a zero byte
+  // ends it. 0xFFFFFFFF on a conversion error.
+  static unsigned mbstowcs(wchar_t* dst, const char* src, unsigned count);
+  // count source bytes into a new[] buffer of the exact size plus a zero
+  // (free with delete[]), or null.
+  static wchar_t* mbstowcs(const char* src, unsigned count);
 
   // --- UUIDs -----------------------------------------------------------------
 
