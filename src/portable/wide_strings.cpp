@@ -1,5 +1,6 @@
 // Conversions between wide (UTF-32) and multi-byte (UTF-8) strings, on top
 // of the strict UTF converters.
+#include <cstdint>
 #include <cstring>
 #include <new>
 
@@ -15,6 +16,15 @@ constexpr unsigned kSlack = 1000000;
 
 const UTF32* Utf32(const wchar_t* p) { return reinterpret_cast<const UTF32*>(p); }
 
+// p + bytes, held at the top of the address space: a stack buffer near its
+// top must not wrap the end round to below its start.
+template <typename T>
+T* ClampedEnd(T* p, uintptr_t bytes) {
+  const uintptr_t start = reinterpret_cast<uintptr_t>(p);
+  const uintptr_t room = (UINTPTR_MAX - start) / sizeof(T) * sizeof(T);
+  return reinterpret_cast<T*>(start + (bytes < room ? bytes : room));
+}
+
 }  // namespace
 
 static_assert(sizeof(wchar_t) == sizeof(UTF32), "wchar_t holds UTF-32");
@@ -28,7 +38,7 @@ unsigned CPortable::wcstombs(char* dst, const wchar_t* src, unsigned count) {
     return r == conversionOK ? bytes : kError;
   }
   UTF8* to = reinterpret_cast<UTF8*>(dst);
-  UTF8* const end = to + count + 1 + kSlack;
+  UTF8* const end = ClampedEnd(to, uintptr_t{count} + 1 + kSlack);
   const ConversionResult r = ConvertUTF32toUTF8(&from, from + count, &to, end, strictConversion);
   if (r != conversionOK) return kError;
   return static_cast<unsigned>(to - reinterpret_cast<UTF8*>(dst));
@@ -59,7 +69,7 @@ unsigned CPortable::mbstowcs(wchar_t* dst, const char* src, unsigned count) {
   UTF32* to = reinterpret_cast<UTF32*>(dst);
   // Stopping because all count units are written is success.
   const ConversionResult r =
-      ConvertUTF8toUTF32(&from, from + kSlack, &to, to + count, strictConversion);
+      ConvertUTF8toUTF32(&from, ClampedEnd(from, kSlack), &to, to + count, strictConversion);
   if (r != conversionOK && r != targetExhausted) return kError;
   return static_cast<unsigned>(to - reinterpret_cast<UTF32*>(dst));
 }

@@ -1,3 +1,6 @@
+#include <sys/mman.h>
+
+#include <cstdint>
 #include <cstring>
 #include <string>
 
@@ -72,6 +75,36 @@ TEST(WideStringsTest, IllegalUtf8IsAConversionError) {
   EXPECT_EQ(kError, CPortable::mbstowcs(nullptr, text, 3));
   EXPECT_EQ(kError, CPortable::mbstowcs(out, text, 3));
   EXPECT_EQ(nullptr, CPortable::mbstowcs(text, 3));
+}
+
+// A page as high in the address space as this process can map, so that a
+// buffer in it lies less than a million bytes below the top.
+char* HighestPage() {
+  const uintptr_t page = 4096;
+  for (uintptr_t a = (UINTPTR_MAX - page + 1) - page; a > UINTPTR_MAX - (64u << 20); a -= page) {
+    void* p = mmap(reinterpret_cast<void*>(a), page, PROT_READ | PROT_WRITE,
+                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
+    if (p != MAP_FAILED) return static_cast<char*>(p);
+  }
+  return nullptr;
+}
+
+TEST(WideStringsTest, BuffersNearTheTopOfTheAddressSpaceConvert) {
+  char* page = HighestPage();
+  if (page == nullptr) GTEST_SKIP() << "no page near the top of the address space";
+  ASSERT_GT(reinterpret_cast<uintptr_t>(page), UINTPTR_MAX - 1000000u);
+  char* text = page + 4096 - 8;
+  std::memcpy(text, "a\xC0\x80", 4);
+  wchar_t out[4];
+  EXPECT_EQ(kError, CPortable::mbstowcs(out, text, 3));
+  std::memcpy(text, "ab\xC3\xA9", 5);
+  EXPECT_EQ(3u, CPortable::mbstowcs(out, text, 3));
+  wchar_t* wide = reinterpret_cast<wchar_t*>(page + 4096 - 4 * sizeof(wchar_t));
+  wide[0] = L'x';
+  wide[1] = 0xE9;
+  char* bytes = page;
+  EXPECT_EQ(3u, CPortable::wcstombs(bytes, wide, 2));
+  munmap(page, 4096);
 }
 
 TEST(WideStringsTest, AllocatingUtf8FormRoundTrips) {
