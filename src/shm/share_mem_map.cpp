@@ -4,6 +4,7 @@
 #include "shm/share_mem_map.h"
 
 #include <signal.h>
+#include <strings.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <unistd.h>
@@ -283,6 +284,16 @@ void* CShareMemMap::acquireSharedMemory(std::string name, unsigned long dwSize,
   pthread_mutex_lock(&m_mutex);
   *bCreated = 0;
 
+  // An empty name would claim an entry that still reads as free, and the
+  // parked marker would claim a parked entry: another name could then be
+  // given the same segment. Neither is a name.
+  if (name.empty() || ::strcasecmp(name.c_str(), kParkedName) == 0) {
+    AMBIT_TRACE_ERROR("(Error) CShareMemMap::acquireSharedMemory - invalid name \"%s\"\n",
+                      name.c_str());
+    pthread_mutex_unlock(&m_mutex);
+    return nullptr;
+  }
+
   // A name this process holds already: no shared memory is touched.
   const auto known = m_mapAllocInfo.find(name);
   if (known != m_mapAllocInfo.end()) {
@@ -441,8 +452,15 @@ void CShareMemMap::releaseSharedMemory(std::string name) {
 
       SMEMMAPENTRY& e = *info->pEntry;
       const int index = static_cast<int>(&e - reg->entries);
+      // Names that differ only in case are two attachments of one entry,
+      // and the first of them to go clears every slot of this process and
+      // frees the entry, which another name may have claimed since. Only
+      // an entry that still carries this name (as stored: cut to 254
+      // characters) is this attachment's to update.
+      const bool stillOurs =
+          !IsFree(e) && ::strncasecmp(e.szName, name.c_str(), kNameSize - 1) == 0;
       int others = 0;
-      for (int s = 0; s < kPidSlots; ++s) {
+      for (int s = 0; stillOurs && s < kPidSlots; ++s) {
         if (e.adwPids[s] == OwnPid()) {
           REGISTRY_TRACE("CShareMemMap::removeSharedMemory, removing pid %d at slot %d\n",
                          static_cast<int>(OwnPid()), s);
@@ -451,10 +469,9 @@ void CShareMemMap::releaseSharedMemory(std::string name) {
           ++others;
         }
       }
-      // Names that differ only in case are two attachments of one entry:
-      // the first of them to go may have freed it already, and id 0 (often
-      // the registry itself) must never be removed by mistake.
-      if (others == 0 && !IsFree(e) && e.nshmid != 0) {
+      // A freed entry records id 0, often the registry itself: never
+      // remove that by mistake.
+      if (stillOurs && others == 0 && e.nshmid != 0) {
         e.szName[0] = '\0';
         if (::shmctl(e.nshmid, IPC_RMID, nullptr) == 0)
           REGISTRY_TRACE("CShareMemMap::releaseSharedMemory, released segment for entry %d\n",
