@@ -5,7 +5,7 @@
 set -u
 
 # Packages for the i386 build and the tests.
-core=(g++-multilib procps tzdata util-linux file)
+core=(g++-multilib procps tzdata util-linux file pkg-config)
 # i386 packages for the benchmarks (installed beside the amd64 ones).
 extra=(libbenchmark-dev:i386)
 
