@@ -479,8 +479,16 @@ TEST(NamedEventTest, OpeningAMissingNameThrowsAndTracesTheError) {
     code = e.code;
   }
   EXPECT_EQ(static_cast<long>(0xC1210E17UL), code);
-  EXPECT_TRUE(HasLine(hook.Lines(), "(Error) CPEventImpl::CPEventImpl, can't open event", 16, 64));
+  const auto lines = hook.Lines();
+  EXPECT_TRUE(HasLine(lines, "(Error) CPEventImpl::CPEventImpl, can't open event", 16, 64));
   EXPECT_EQ(nullptr, EntryOf(name));
+  // The constructor's own line comes first, with the name.
+  ASSERT_FALSE(lines.empty());
+  const std::string suffix = "), name \"" + name + "\"\n";
+  EXPECT_EQ(0u, lines[0].text.find("CPEvent::CPEvent (")) << lines[0].text;
+  ASSERT_GE(lines[0].text.size(), suffix.size());
+  EXPECT_EQ(suffix, lines[0].text.substr(lines[0].text.size() - suffix.size()));
+  EXPECT_EQ(16u, lines[0].category);
 }
 
 TEST(NamedEventTest, ErrorLineNeedsAllowTrace) {
