@@ -12,6 +12,12 @@ namespace {
 
 struct Ratio {
   std::string label, measured, baseline;
+  bool realTime;
+};
+
+struct Times {
+  double cpu;
+  double real;
 };
 
 std::vector<Ratio>& Ratios() {
@@ -30,24 +36,24 @@ class RecordingReporter : public benchmark::ConsoleReporter {
       const std::string name = run.benchmark_name();
       if (run.run_type == Run::RT_Aggregate) {
         if (run.aggregate_name != "median") continue;
-        m_times[run.run_name.str()] = run.GetAdjustedCPUTime();
+        m_times[run.run_name.str()] = {run.GetAdjustedCPUTime(), run.GetAdjustedRealTime()};
       } else if (m_times.find(name) == m_times.end() ||
                  run.repetitions <= 1) {
-        m_times[name] = run.GetAdjustedCPUTime();
+        m_times[name] = {run.GetAdjustedCPUTime(), run.GetAdjustedRealTime()};
       }
     }
   }
-  const std::map<std::string, double>& Times() const { return m_times; }
+  const std::map<std::string, Times>& AllTimes() const { return m_times; }
 
  private:
-  std::map<std::string, double> m_times;
+  std::map<std::string, Times> m_times;
 };
 
 }  // namespace
 
 RatioRegistrar::RatioRegistrar(const char* label, const char* measured,
-                               const char* baseline) {
-  Ratios().push_back({label, measured, baseline});
+                               const char* baseline, bool realTime) {
+  Ratios().push_back({label, measured, baseline, realTime});
 }
 
 }  // namespace ambit_bench
@@ -57,17 +63,21 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   ambit_bench::RecordingReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  const auto& times = reporter.Times();
+  const auto& times = reporter.AllTimes();
   bool header = false;
   for (const auto& r : ambit_bench::Ratios()) {
     const auto m = times.find(r.measured);
     const auto b = times.find(r.baseline);
-    if (m == times.end() || b == times.end() || b->second <= 0) continue;
+    if (m == times.end() || b == times.end()) continue;
+    const double measured = r.realTime ? m->second.real : m->second.cpu;
+    const double baseline = r.realTime ? b->second.real : b->second.cpu;
+    if (baseline <= 0) continue;
     if (!header) {
-      std::printf("\nRatios (CPU time, lower is faster; same run):\n");
+      std::printf("\nRatios (lower is faster; same run):\n");
       header = true;
     }
-    std::printf("  %-60s %6.2fx\n", r.label.c_str(), m->second / b->second);
+    std::printf("  %-60s %6.2fx %s\n", r.label.c_str(), measured / baseline,
+                r.realTime ? "wall" : "CPU");
   }
   benchmark::Shutdown();
   return 0;

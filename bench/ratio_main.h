@@ -10,7 +10,10 @@
 namespace ambit_bench {
 
 struct RatioRegistrar {
-  RatioRegistrar(const char* label, const char* measured, const char* baseline);
+  // realTime: compare wall-clock times instead of CPU times (for benchmarks
+  // whose work is done partly by other threads or processes).
+  RatioRegistrar(const char* label, const char* measured, const char* baseline,
+                 bool realTime = false);
 };
 
 }  // namespace ambit_bench
@@ -21,5 +24,11 @@ struct RatioRegistrar {
 #define AMBIT_BENCH_RATIO(label, measured, baseline)                        \
   static ::ambit_bench::RatioRegistrar AMBIT_BENCH_RATIO_CONCAT(            \
       g_ambitBenchRatio, __LINE__)(label, measured, baseline)
+
+// The same with wall-clock times: for ping-pongs, where the measuring
+// thread sleeps while its partner works.
+#define AMBIT_BENCH_RATIO_REAL(label, measured, baseline)                   \
+  static ::ambit_bench::RatioRegistrar AMBIT_BENCH_RATIO_CONCAT(            \
+      g_ambitBenchRatio, __LINE__)(label, measured, baseline, true)
 
 #endif  // AMBIT_BENCH_RATIO_MAIN_H_
