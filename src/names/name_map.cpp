@@ -162,7 +162,9 @@ CNameMap::SNAMEINFO* CNameMap::createNamedObject(std::string name, CREATETYPE cr
   NAMEMAP_TRACE("CNameMap::createNamedObject: \"%s\", nameType %d\n", name.c_str(),
                 static_cast<int>(nameType));
   *pbCreated = 0;
-  if (name.size() > kMaxNameLength || nameType == NameTypeInvalid) return nullptr;
+  // An empty name would make an entry that looks free to everyone else.
+  if (name.empty() || name.size() > kMaxNameLength || nameType == NameTypeInvalid)
+    return nullptr;
   for (char& c : name)
     if (!std::isalnum(static_cast<unsigned char>(c))) c = '-';
 

@@ -197,6 +197,15 @@ TEST_F(NameMapTableTest, NamesUpTo255CharactersWorkAndLongerOnesGiveNull) {
   EXPECT_EQ(0u, Map()->table()->dwHighestEntry);
 }
 
+TEST_F(NameMapTableTest, AnEmptyNameGivesNullAndClaimsNoEntry) {
+  int created = 1;
+  EXPECT_EQ(nullptr, Named("", CNameMap::Mutex, CNameMap::CreateOrOpen, &created));
+  EXPECT_EQ(0, created);
+  ASSERT_NE(nullptr, Named("after", CNameMap::Mutex));
+  EXPECT_STREQ("after", Map()->table()->entries[0].szName);
+  EXPECT_EQ(0u, Map()->table()->dwHighestEntry);
+}
+
 TEST_F(NameMapTableTest, TypeZeroGivesNull) {
   int created = 1;
   EXPECT_EQ(nullptr, Named("untyped", CNameMap::NameTypeInvalid, CNameMap::CreateOrOpen, &created));
