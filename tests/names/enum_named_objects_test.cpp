@@ -34,10 +34,10 @@ Listed List(const std::string& prefix, CPEnumNamedObjects::NOTYPE type) {
   unsigned long i = 0;
   for (; i < 1000 && objects.enumNamedObject(i, &name, &kind); ++i) listed.push_back({name, kind});
   name = "untouched";
-  kind = static_cast<CPEnumNamedObjects::NOTYPE>(77);
+  kind = CPEnumNamedObjects::Mutex;
   EXPECT_FALSE(objects.enumNamedObject(i, &name, &kind));
   EXPECT_EQ("untouched", name);
-  EXPECT_EQ(77, static_cast<int>(kind));
+  EXPECT_EQ(CPEnumNamedObjects::Mutex, kind);
   return listed;
 }
 
