@@ -334,11 +334,13 @@ TEST(MutexRecursionHelperTest, GateAllocationFailureThrowsOutOfMemoryAndAddsNoth
   t_failNthNothrowNew = 0;
   EXPECT_EQ(QK_E_OUT_OF_MEMORY, code);
   EXPECT_EQ(0u, helper->m_records.count(name));
-  EXPECT_EQ(1u, CountText(hook, "(Error) CPMutexRecursive::CPMutexRecursive, "
-                                "memory allocation failure\n"));
-  for (const RecordingHook::Line& l : hook.Lines()) {
-    if (l.text[0] == '(') EXPECT_TRUE(IsLine(l, 4, l.text));
-  }
+  // The helper's lock line, then the error line.
+  const std::vector<RecordingHook::Line> traced = hook.Lines();
+  ASSERT_EQ(2u, traced.size());
+  EXPECT_TRUE(IsEnterLine(traced[0], "CPMutexRecursiveHelper", 4588));
+  EXPECT_TRUE(IsLine(traced[1], 4,
+                     "(Error) CPMutexRecursive::CPMutexRecursive, memory "
+                     "allocation failure\n"));
   const std::vector<std::string> lines = log.Lines();
   ASSERT_EQ(1u, lines.size());
   EXPECT_EQ(0u, lines[0].find("(Error) Throwing exception 0xC1210E10 at "
@@ -869,9 +871,10 @@ TEST(MutexRecursiveProcessTest, ChildWaitsInTheSharedMutexUntilTheParentsLastRel
   const std::string name = UniqueName("recmutex");
   pthread_mutex_t* mutex = shared.Get();
   RecordUse record(name);
-  Handshake started, acquired, mayRelease;
+  Handshake parentLocked, started, acquired, mayRelease;
   ForkedChild child([&] {
     CPMutexRecursive* mine = get_mutexRecursionHelper()->add(name);
+    if (!parentLocked.WaitFor(kWaitMs)) return 9;
     started.Signal();
     if (mine->lock(mutex) != 0) return 10;
     if (mine->lock(mutex) != 0) return 11;  // recursion in this process too
@@ -881,10 +884,13 @@ TEST(MutexRecursiveProcessTest, ChildWaitsInTheSharedMutexUntilTheParentsLastRel
     return mine->release(mutex) == 0 ? 0 : 14;
   });
   ASSERT_TRUE(child.Started());
-  // Locked here first, by the parent's own record.
+  // Locked here first, by the parent's own record (after the fork: a child
+  // must not inherit a record in use).
+  const timespec bound = RealtimeAfter(kWaitMs);
+  ASSERT_EQ(0, record->timedlock(mutex, &bound));
   ASSERT_EQ(0, record->lock(mutex));
-  ASSERT_EQ(0, record->lock(mutex));
-  ASSERT_TRUE(started.WaitFor(kWaitMs));
+  parentLocked.Signal();
+  EXPECT_TRUE(started.WaitFor(kWaitMs));
   // The child sleeps in the shared mutex.
   EXPECT_TRUE(Eventually([&] { return shared.LockWord() == 2; }));
   EXPECT_EQ(1, record->release(mutex));
@@ -899,12 +905,14 @@ TEST(MutexRecursiveProcessTest, ChildWaitsInTheSharedMutexUntilTheParentsLastRel
   mayRelease.Signal();
   EXPECT_EQ(0, child.Join(kWaitMs));
   // And afterwards it can.
-  EXPECT_EQ(0, record->lock(mutex));
+  const timespec later = RealtimeAfter(kWaitMs);
+  ASSERT_EQ(0, record->timedlock(mutex, &later));
   EXPECT_EQ(0, record->release(mutex));
 }
 
 // Two threads in each of two processes, nesting two locks around an
-// unprotected read-modify-write of a shared counter.
+// unprotected read-modify-write of a shared counter. Both processes are
+// children, so that a lock that never returns ends in a killed child.
 TEST(MutexRecursiveProcessTest, ThreadsOfTwoProcessesLoseNoIncrements) {
   SharedMutex shared;
   ASSERT_TRUE(shared.Ok());
@@ -912,7 +920,7 @@ TEST(MutexRecursiveProcessTest, ThreadsOfTwoProcessesLoseNoIncrements) {
   pthread_mutex_t* mutex = shared.Get();
   volatile int* counter = &shared.Counter();
   constexpr int kRounds = 2000;
-  Handshake go;
+  Handshake go1, go2;
   auto work = [mutex, counter, name] {
     CPMutexRecursive* record = get_mutexRecursionHelper()->add(name);
     int failures = 0;
@@ -931,14 +939,20 @@ TEST(MutexRecursiveProcessTest, ThreadsOfTwoProcessesLoseNoIncrements) {
     auto b = std::async(std::launch::async, work);
     return a.get() + b.get();
   };
-  ForkedChild child([&] {
-    if (!go.WaitFor(kWaitMs)) return 2;
+  ForkedChild first([&] {
+    if (!go1.WaitFor(kWaitMs)) return 2;
     return twoThreads() == 0 ? 0 : 3;
   });
-  ASSERT_TRUE(child.Started());
-  go.Signal();
-  EXPECT_EQ(0, twoThreads());
-  EXPECT_EQ(0, child.Join(30000));
+  ForkedChild second([&] {
+    if (!go2.WaitFor(kWaitMs)) return 2;
+    return twoThreads() == 0 ? 0 : 3;
+  });
+  ASSERT_TRUE(first.Started());
+  ASSERT_TRUE(second.Started());
+  go1.Signal();
+  go2.Signal();
+  EXPECT_EQ(0, first.Join(30000));
+  EXPECT_EQ(0, second.Join(30000));
   EXPECT_EQ(4 * kRounds, *counter);
 }
 
