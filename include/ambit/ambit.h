@@ -10,6 +10,7 @@
 #include "ambit/exception.h"
 #include "ambit/export.h"
 #include "ambit/multievent.h"
+#include "ambit/mutex.h"
 #include "ambit/portable.h"
 #include "ambit/qos.h"
 #include "ambit/semaphore.h"
