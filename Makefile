@@ -63,5 +63,10 @@ fuzz: deps $(FUZZ_DIR)/build.ninja
 	$(FUZZ_DIR)/ambit_fuzz_utf -max_total_time=$(FUZZ_SECONDS) -max_len=1024 \
 	  -print_final_stats=1 -artifact_prefix=$(FUZZ_DIR)/ $(FUZZ_DIR)/corpus fuzz/corpus
 
+# One table of every ratio the benchmarks measure, with the goals.
+bench-report: deps $(BENCH_DIR)/build.ninja
+	cmake --build $(BENCH_DIR) -j $(JOBS)
+	python3 scripts/bench_report.py $(BENCH_DIR)/bench bench/RESULTS.md
+
 clean:
 	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(BENCH_DIR) $(FUZZ_DIR)

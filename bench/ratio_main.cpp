@@ -58,7 +58,7 @@ RatioRegistrar::RatioRegistrar(const char* label, const char* measured,
 
 }  // namespace ambit_bench
 
-int main(int argc, char** argv) {
+int ambit_bench::RunWithRatios(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   ambit_bench::RecordingReporter reporter;

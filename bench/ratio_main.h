@@ -16,6 +16,11 @@ struct RatioRegistrar {
                  bool realTime = false);
 };
 
+// Runs the benchmarks selected on the command line and prints the ratios.
+// The library's main() calls it; a program with its own main() (to set
+// things up first) links the same library and calls it itself.
+int RunWithRatios(int argc, char** argv);
+
 }  // namespace ambit_bench
 
 #define AMBIT_BENCH_RATIO_CONCAT2(a, b) a##b

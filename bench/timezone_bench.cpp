@@ -14,6 +14,7 @@
 
 #include "ambit/ambit.h"
 #include "benchmark/benchmark.h"
+#include "ratio_main.h"
 
 namespace {
 
@@ -146,14 +147,15 @@ void BM_PlainLocaltimeRWithRecords(benchmark::State& state) {
 }
 BENCHMARK(BM_PlainLocaltimeRWithRecords);
 
+AMBIT_BENCH_RATIO("SystemTimeToTzSpecificLocalTime / setenv TZ+tzset+localtime_r+restore",
+                  "BM_SystemTimeToTzSpecificLocalTime", "BM_SetenvTzsetLocaltimeRestore");
+AMBIT_BENCH_RATIO("SystemTimeToTzSpecificLocalTime / plain localtime_r (own zone)",
+                  "BM_SystemTimeToTzSpecificLocalTime", "BM_PlainLocaltimeR");
+
 }  // namespace
 
 int main(int argc, char** argv) {
   ::setenv("TZ", kOwnZone, 1);
   ::tzset();
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
+  return ambit_bench::RunWithRatios(argc, argv);
 }

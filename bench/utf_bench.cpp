@@ -14,6 +14,7 @@
 
 #include "ambit/convertutf.h"
 #include "benchmark/benchmark.h"
+#include "ratio_main.h"
 
 namespace {
 
@@ -338,6 +339,14 @@ void RegisterDirection(const Direction<S, T>& d) {
                                ImplName(impl);
       benchmark::RegisterBenchmark(name.c_str(), BM_Convert<S, T>, d, impl, corpus);
     }
+  // Registering copies the names: the registrars need not outlive this.
+  for (size_t corpus = 0; corpus < Corpora().size(); ++corpus) {
+    const std::string base = std::string(d.name) + "/" + Corpora()[corpus].name + "/";
+    ambit_bench::RatioRegistrar((base + " ambit / reference loop").c_str(),
+                                (base + "ambit").c_str(), (base + "reference").c_str());
+    ambit_bench::RatioRegistrar((base + " ambit / iconv").c_str(), (base + "ambit").c_str(),
+                                (base + "iconv").c_str());
+  }
 }
 
 }  // namespace
@@ -349,9 +358,5 @@ int main(int argc, char** argv) {
                                            ConvertUTF16toUTF8, RefUtf16ToUtf8});
   RegisterDirection(Direction<UTF8, UTF32>{"Utf8ToUtf32", "UTF-32LE", "UTF-8", Utf8Of,
                                            ConvertUTF8toUTF32, RefUtf8ToUtf32});
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
+  return ambit_bench::RunWithRatios(argc, argv);
 }

@@ -1,0 +1,83 @@
+#!/usr/bin/env python3
+"""Runs every benchmark program of a build and writes one table of the ratios
+they measure (library against its baseline, same run) with the project's
+goals, as Markdown.
+
+usage: bench_report.py BENCH_DIR OUTPUT.md
+"""
+import datetime
+import glob
+import os
+import platform
+import re
+import subprocess
+import sys
+
+# Goals by ratio label: (regular expression, goal text, largest ratio that
+# meets it, or None when the figure is reported without a goal).
+GOALS = [
+    (r"CPCritSec enter\+leave / raw recursive mutex", "<= 1.10x", 1.10),
+    (r"trace gate, tracing off", "one load and one test (<= 1.05x)", 1.05),
+    (r"/ascii_code/ ambit / reference loop", "<= 0.50x (2x faster)", 0.50),
+    (r"ambit / reference loop", "<= 1.00x (never slower)", 1.00),
+    (r"ambit / iconv", "< 1.00x (ahead of iconv)", 0.999),
+    (r"SystemTimeToTzSpecificLocalTime / setenv", "<= 0.10x (10x faster)", 0.10),
+    (r"SystemTimeToTzSpecificLocalTime / plain localtime_r", "<= 1.50x", 1.50),
+    (r"unnamed CPEvent ping-pong / raw", "<= 1.20x", 1.20),
+    (r"named CPEvent ping-pong / raw shared", "<= 2.00x", 2.00),
+]
+
+RATIO_LINE = re.compile(r"^\s{2}(?P<label>.+?)\s+(?P<ratio>[0-9.]+)x(?:\s+(?P<kind>CPU|real))?\s*$")
+
+
+def goal_for(label):
+    for pattern, text, limit in GOALS:
+        if re.search(pattern, label):
+            return text, limit
+    return "(reported)", None
+
+
+def run(program):
+    cmd = [program, "--benchmark_min_time=0.2", "--benchmark_repetitions=5",
+           "--benchmark_report_aggregates_only=true"]
+    out = subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                         text=True, timeout=1800).stdout
+    rows, in_ratios = [], False
+    for line in out.splitlines():
+        if line.startswith("Ratios"):
+            in_ratios = True
+            continue
+        m = RATIO_LINE.match(line) if in_ratios else None
+        if m:
+            rows.append((m.group("label").strip(), float(m.group("ratio")), m.group("kind") or "CPU"))
+    return rows
+
+
+def main():
+    bench_dir, output = sys.argv[1], sys.argv[2]
+    programs = sorted(glob.glob(os.path.join(bench_dir, "ambit_bench_*")))
+    lines = [
+        "# Benchmark results",
+        "",
+        "Ratios of the library's time to a baseline measured in the same run "
+        "(lower is faster; medians of 5 repetitions). Written by `make bench-report` "
+        "on %s, %s, %d cores." % (datetime.date.today().isoformat(), platform.machine(),
+                                  os.cpu_count() or 0),
+        "",
+        "| program | ratio | goal | measured | met |",
+        "|---|---|---|---|---|",
+    ]
+    for program in programs:
+        name = os.path.basename(program)[len("ambit_bench_"):]
+        print("running", name, flush=True)
+        for label, ratio, kind in run(program):
+            text, limit = goal_for(label)
+            met = "-" if limit is None else ("yes" if ratio <= limit else "no")
+            lines.append("| %s | %s | %s | %.2fx %s | %s |" % (name, label, text, ratio, kind, met))
+    with open(output, "w") as f:
+        f.write("\n".join(lines) + "\n")
+    print("wrote", output)
+
+
+if __name__ == "__main__":
+    main()
