@@ -67,9 +67,11 @@ unsigned CPortable::mbstowcs(wchar_t* dst, const char* src, unsigned count) {
     return r == conversionOK ? units : kError;
   }
   UTF32* to = reinterpret_cast<UTF32*>(dst);
+  // The source is read up to a million bytes; the converter stops at a zero
+  // byte anyway, so the end is put there and nothing past it is touched.
+  const UTF8* const end = from + ::strnlen(src, kSlack);
   // Stopping because all count units are written is success.
-  const ConversionResult r =
-      ConvertUTF8toUTF32(&from, ClampedEnd(from, kSlack), &to, to + count, strictConversion);
+  const ConversionResult r = ConvertUTF8toUTF32(&from, end, &to, to + count, strictConversion);
   if (r != conversionOK && r != targetExhausted) return kError;
   return static_cast<unsigned>(to - reinterpret_cast<UTF32*>(dst));
 }

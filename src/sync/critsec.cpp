@@ -2,6 +2,8 @@
 // compile down to the mutex calls.
 #include "ambit/critsec.h"
 
+#include <pthread.h>
+
 #include <cerrno>
 
 #include "sync/critsec_impl.h"
@@ -10,7 +12,19 @@
 namespace {
 constexpr unsigned long kCategoryCritSec = 32;
 constexpr unsigned long kLevelOrdinary = 2;
+
+// The child of fork() runs on a new kernel thread id.
+void ClearThreadIdInChild() { RecursiveLock::ForgetThreadId(); }
 }  // namespace
+
+thread_local int RecursiveLock::t_threadId = 0;
+
+int RecursiveLock::CacheThreadId() {
+  static const int registered = pthread_atfork(nullptr, nullptr, &ClearThreadIdInChild);
+  (void)registered;
+  t_threadId = static_cast<int>(::syscall(SYS_gettid));
+  return t_threadId;
+}
 
 CPCritSecImpl::CPCritSecImpl(std::string name, int allowTrace)
     : m_name(std::move(name)), m_allowTrace(allowTrace), m_lineNo(0), m_trace(0) {}

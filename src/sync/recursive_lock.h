@@ -24,12 +24,12 @@
 // for its own mutexes.
 class RecursiveLock {
  public:
-  RecursiveLock() : m_word(0), m_owner(nullptr), m_count(0) {}
+  RecursiveLock() : m_word(0), m_owner(0), m_count(0) {}
   RecursiveLock(const RecursiveLock&) = delete;
   RecursiveLock& operator=(const RecursiveLock&) = delete;
 
   int lock() {
-    const void* self = Self();
+    const int self = Self();
     if (m_owner.load(std::memory_order_relaxed) == self) return Reenter();
     if (!Acquire()) LockContended();
     m_owner.store(self, std::memory_order_relaxed);
@@ -38,7 +38,7 @@ class RecursiveLock {
   }
 
   int tryLock() {
-    const void* self = Self();
+    const int self = Self();
     if (m_owner.load(std::memory_order_relaxed) == self) return Reenter();
     if (!Acquire()) return EBUSY;
     m_owner.store(self, std::memory_order_relaxed);
@@ -46,10 +46,14 @@ class RecursiveLock {
     return 0;
   }
 
+  // Empties the calling thread's id cache: the child of fork() runs on a
+  // new kernel thread.
+  static void ForgetThreadId() { t_threadId = 0; }
+
   int unlock() {
     if (m_owner.load(std::memory_order_relaxed) != Self()) return EPERM;
     if (--m_count != 0) return 0;
-    m_owner.store(nullptr, std::memory_order_relaxed);
+    m_owner.store(0, std::memory_order_relaxed);
     int old;
     if (__libc_single_threaded) {
       old = m_word.load(std::memory_order_relaxed);
@@ -62,11 +66,16 @@ class RecursiveLock {
   }
 
  private:
-  // An address unique to each live thread, read without a system call.
-  static const void* Self() {
-    static thread_local char t_self __attribute__((tls_model("initial-exec")));
-    return &t_self;
+  // The calling thread's kernel id, as a pthread recursive mutex records
+  // its owner: a new thread that reuses a dead thread's stack and
+  // thread-local block is not taken for the dead owner.
+  static int Self() {
+    const int cached = t_threadId;
+    return cached != 0 ? cached : CacheThreadId();
   }
+  // Asks the kernel and fills the cache (cleared in the child after fork).
+  static int CacheThreadId();
+  static thread_local int t_threadId __attribute__((tls_model("initial-exec")));
 
   // Takes a free lock word: 0 -> 1.
   bool Acquire() {
@@ -97,7 +106,7 @@ class RecursiveLock {
   }
 
   std::atomic<int> m_word;
-  std::atomic<const void*> m_owner;  // written only by the holder
+  std::atomic<int> m_owner;  // kernel thread id; written only by the holder
   unsigned m_count;                  // read and written only by the holder
 };
 

@@ -1,5 +1,8 @@
 #include "ambit/critsec.h"
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <future>
@@ -251,6 +254,36 @@ TEST(CritSecTraceTest, EveryLineOfOneSectionNamesTheSameObject) {
   };
   EXPECT_EQ(pointerOf(texts[0]), pointerOf(texts[1]));
   EXPECT_NE(pointerOf(texts[0]), pointerOf(texts[2]));
+}
+
+}  // namespace
+
+namespace {
+
+// A section left entered by a thread that ended stays entered, as a
+// pthread recursive mutex does: a new thread (which may reuse the dead
+// thread's stack) is not its owner.
+TEST(CritSecTest, ASectionLeftEnteredByAnEndedThreadIsNotEnteredByANewOne) {
+  CPCritSec cs("orphan", 0);
+  std::thread([&] { cs.enter(__LINE__); }).join();
+  for (int i = 0; i < 20; ++i) {
+    int entered = -1;
+    std::thread([&] { entered = cs.tryEnter(__LINE__); }).join();
+    ASSERT_EQ(0, entered) << "round " << i;
+  }
+}
+
+// The child of fork() has a new thread id: a section the parent's thread
+// held is not the child's.
+TEST(CritSecTest, TheChildOfForkDoesNotOwnTheParentsSection) {
+  CPCritSec cs("forked", 0);
+  ASSERT_EQ(0, cs.enter(__LINE__));
+  const pid_t child = fork();
+  if (child == 0) _exit(cs.tryEnter(__LINE__) == 0 && cs.test() == 1 ? 0 : 1);
+  int status = 0;
+  ASSERT_EQ(child, waitpid(child, &status, 0));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  cs.leave(__LINE__);
 }
 
 }  // namespace
