@@ -56,7 +56,7 @@ constexpr int kMutexes = 3;  // mutex 0 guards the counter
 constexpr int kEvents = 2;
 constexpr int kSemaphores = 2;
 constexpr int kSegments = 3;
-constexpr int kRoundMs = 2000;
+constexpr int kRoundMs = 1000;
 constexpr char kCounterSegment[] = "torture-counter";
 constexpr char kCounterMutex[] = "torture-mutex-0";
 
@@ -372,7 +372,7 @@ int main(int argc, char** argv) {
   while (Clock::now() < finish) {
     ++t.rounds;
     const auto roundEnd = Clock::now() + std::chrono::milliseconds(kRoundMs);
-    const int kills = 1 + static_cast<int>(rng() % 4);
+    const int kills = 2 + static_cast<int>(rng() % 5);
     int killed = 0;
     for (int k = 0; k < kills; ++k) {
       ::usleep(static_cast<useconds_t>(1000 * (rng() % (kRoundMs / kills))));
@@ -417,8 +417,8 @@ int main(int argc, char** argv) {
               static_cast<unsigned long long>(Sum(g_stats->ops)),
               static_cast<unsigned long long>(Sum(g_stats->increments)),
               static_cast<unsigned long long>(Sum(g_stats->failures)));
-  std::printf("counter: %u, completed increments: %u (%u completed after their process was "
-              "killed mid-increment)\n",
+  std::printf("counter at the last audit: %u, completed increments: %u (%u completed after "
+              "their process was killed mid-increment)\n",
               counter, sum, rolled);
   std::printf("items reclaimed by cleanup: %d\n", t.reclaimed);
   std::printf("unexpected worker exits: %d\n", t.unexpectedExits);
