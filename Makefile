@@ -6,6 +6,8 @@ BENCH_DIR ?= build-bench
 FUZZ_DIR  ?= build-fuzz
 # How long `make fuzz` runs the fuzzer, in seconds.
 FUZZ_SECONDS ?= 60
+# How long `make torture` kills and replaces worker processes, in seconds.
+TORTURE_SECONDS ?= 120
 JOBS      ?= $(shell nproc)
 # Tests spend much of their time waiting on other processes: run more of
 # them than there are cores.
@@ -14,7 +16,7 @@ TEST_JOBS ?= $(shell echo $$(( $$(nproc) * 2 )))
 CMAKE_CONFIGURE = cmake -G Ninja -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/i386-toolchain.cmake
 CTEST = ctest --output-on-failure --timeout 300 -j $(TEST_JOBS)
 
-.PHONY: all deps build test demo asan bench fuzz clean
+.PHONY: all deps build test demo torture asan bench fuzz clean
 
 all: build
 
@@ -30,9 +32,14 @@ build: deps $(BUILD_DIR)/build.ninja
 test: build
 	cd $(BUILD_DIR) && $(CTEST)
 
+# The demo and the torture run in a private IPC + mount namespace of their
+# own: they never touch this machine's registries.
 demo: build
 	@mkdir -p $(BUILD_DIR)/demo-logs
 	QKLogFilePath=$(abspath $(BUILD_DIR))/demo-logs $(BUILD_DIR)/tools/ambit-demo
+
+torture: build
+	$(BUILD_DIR)/tools/ambit-torture --seconds $(TORTURE_SECONDS)
 
 $(ASAN_DIR)/build.ninja:
 	$(CMAKE_CONFIGURE) -S . -B $(ASAN_DIR) -DCMAKE_BUILD_TYPE=Debug -DAMBIT_SANITIZE=ON

@@ -4,7 +4,8 @@
 # fixed System V keys and /tmp files of one test never meet another's or the
 # machine's own. Where no namespace can be made, runs the command serially
 # (one at a time, machine-wide) and removes those keys and files before and
-# after it.
+# after it. With AMBIT_ISOLATE_STRICT=1 there is no such fallback: the
+# script fails (exit 125) rather than touch the machine's own keys and files.
 set -u
 
 if [ "${AMBIT_ISOLATED:-}" = 1 ]; then
@@ -51,6 +52,10 @@ if unshare --user --map-root-user "${ns[@]}" true 2>/dev/null; then
 fi
 
 # Fallback: no namespaces here.
+if [ "${AMBIT_ISOLATE_STRICT:-}" = 1 ]; then
+  echo "run-isolated: cannot make a private IPC and mount namespace here" >&2
+  exit 125
+fi
 clean() {
   local key
   for key in $(ipcs -m 2>/dev/null | awk 'NR > 3 && $1 ~ /^0x/ { print $1 }'); do

@@ -59,11 +59,14 @@ void InitObject(CNameMap::SNAMEINFO* e, unsigned long value) {
       pthread_mutexattr_init(&mattr);
       pthread_mutexattr_settype(&mattr, PTHREAD_MUTEX_RECURSIVE);
       pthread_mutexattr_setpshared(&mattr, PTHREAD_PROCESS_SHARED);
+      // Robust: a process killed while holding it does not block the others.
+      pthread_mutexattr_setrobust(&mattr, PTHREAD_MUTEX_ROBUST);
       std::memset(&cv.mutex, 0, sizeof cv.mutex);
       pthread_mutex_init(&cv.mutex, &mattr);
       pthread_mutexattr_destroy(&mattr);
-      // Process-shared, so that a wake in one process reaches a waiter in
-      // another.
+      // Initialised as a process-shared condition for the layout's sake;
+      // the event's waits and wakes use its first word as a futex (see
+      // sync/event_impl.cpp), and the zeroed condition starts it at 0.
       pthread_condattr_t cattr;
       pthread_condattr_init(&cattr);
       pthread_condattr_setpshared(&cattr, PTHREAD_PROCESS_SHARED);

@@ -37,8 +37,8 @@ class CNameMap {
 
   // The object area of an event.
   struct SCONDVAR {
-    pthread_cond_t cond;    // process-shared
-    pthread_mutex_t mutex;  // recursive, process-shared
+    pthread_cond_t cond;    // its first word is the wake sequence (a futex)
+    pthread_mutex_t mutex;  // recursive, robust, process-shared
     uint32_t s_lVal;        // 0xF0000000 = not signalled
   };
 

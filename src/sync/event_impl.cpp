@@ -1,6 +1,9 @@
 #include "sync/event_impl.h"
 
+#include <linux/futex.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,11 +17,43 @@ namespace {
 constexpr unsigned long kCategoryLifeCycle = 16;
 constexpr unsigned long kLevelError = 64;
 constexpr unsigned long kReset = 0xF0000000UL;
+
+// The mutex of a named event is robust: when a process dies holding it (in
+// the middle of a wake or a wait), the next locker gets it with EOWNERDEAD
+// and makes it consistent again. The value word it guards is a single word
+// and is never seen half written.
+int LockEventMutex(pthread_mutex_t* m) {
+  int r = pthread_mutex_lock(m);
+  if (r == EOWNERDEAD) r = pthread_mutex_consistent(m);
+  return r;
+}
+
+// Named events block on a futex word (the first word of the entry's
+// condition area) that every wake advances, not on the process-shared
+// condition variable: a waiter killed inside pthread_cond_wait keeps a
+// reference to its group of the condition, and the next signal that has to
+// switch groups then waits for that reference forever, holding the event's
+// mutex. A process that dies blocked on a futex leaves nothing behind.
+long Futex(uint32_t* word, int op, uint32_t value, const timespec* timeout) {
+  return ::syscall(SYS_futex, word, op, value, timeout, nullptr, 0);
+}
+
+// What is left until the CLOCK_MONOTONIC deadline; false when nothing.
+bool TimeLeft(const timespec& deadline, timespec* left) {
+  timespec now;
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  long long ns = (static_cast<long long>(deadline.tv_sec) - now.tv_sec) * 1000000000LL +
+                 (deadline.tv_nsec - now.tv_nsec);
+  if (ns <= 0) return false;
+  left->tv_sec = static_cast<time_t>(ns / 1000000000LL);
+  left->tv_nsec = static_cast<long>(ns % 1000000000LL);
+  return true;
+}
 }  // namespace
 
 CPEventImpl::CPEventImpl(int create, const std::string& name, int allowTrace)
     : m_allowTrace(allowTrace), m_localValue(kReset), m_pNameInfo(nullptr), m_pPid(nullptr),
-      m_pValue(nullptr), m_pCond(nullptr), m_pMutex(nullptr), m_trace(0) {
+      m_pValue(nullptr), m_pCond(nullptr), m_pMutex(nullptr), m_pSeq(nullptr), m_trace(0) {
   if (name.empty()) {
     std::memset(&m_localMutex, 0, sizeof m_localMutex);
     std::memset(&m_localCond, 0, sizeof m_localCond);
@@ -39,6 +74,7 @@ CPEventImpl::CPEventImpl(int create, const std::string& name, int allowTrace)
   if (m_pNameInfo != nullptr) {
     m_pPid = reinterpret_cast<int*>(&m_pNameInfo->dwHolderPid);
     m_pCond = &m_pNameInfo->object.condvar.cond;
+    m_pSeq = reinterpret_cast<uint32_t*>(&m_pNameInfo->object.condvar.cond);
     m_pMutex = &m_pNameInfo->object.condvar.mutex;
     m_pValue = reinterpret_cast<unsigned long*>(&m_pNameInfo->object.condvar.s_lVal);
     return;
@@ -63,17 +99,48 @@ CPEventImpl::~CPEventImpl() {
 }
 
 long CPEventImpl::wake(long bits) {
-  pthread_mutex_lock(m_pMutex);
+  LockEventMutex(m_pMutex);
   if (*m_pValue == kReset)
     *m_pValue = static_cast<unsigned long>(bits);
   else
     *m_pValue |= static_cast<unsigned long>(bits);
-  pthread_cond_signal(m_pCond);  // one waiter per wake
+  if (m_pSeq != nullptr) {
+    __atomic_add_fetch(m_pSeq, 1, __ATOMIC_SEQ_CST);
+    Futex(m_pSeq, FUTEX_WAKE, 1, nullptr);  // one waiter per wake
+  } else {
+    pthread_cond_signal(m_pCond);
+  }
   return pthread_mutex_unlock(m_pMutex);
 }
 
+int CPEventImpl::waitNamed(unsigned long timeoutMs) {
+  timespec deadline;
+  ::clock_gettime(CLOCK_MONOTONIC, &deadline);
+  deadline.tv_sec += static_cast<time_t>(timeoutMs / 1000);
+  deadline.tv_nsec += static_cast<long>(timeoutMs % 1000) * 1000000L;
+  if (deadline.tv_nsec >= 1000000000L) {
+    deadline.tv_sec += 1;
+    deadline.tv_nsec -= 1000000000L;
+  }
+  for (;;) {
+    timespec left;
+    const bool forever = timeoutMs == 0xFFFFFFFFUL;
+    if (!forever && !TimeLeft(deadline, &left)) return ETIMEDOUT;
+    const uint32_t seen = __atomic_load_n(m_pSeq, __ATOMIC_SEQ_CST);
+    pthread_mutex_unlock(m_pMutex);
+    const long r = Futex(m_pSeq, FUTEX_WAIT, seen, forever ? nullptr : &left);
+    const int err = r == 0 ? 0 : errno;
+    LockEventMutex(m_pMutex);
+    if (err == 0) return 0;  // woken (perhaps without a wake: the caller sees 0)
+    if (err == ETIMEDOUT) return ETIMEDOUT;
+    if (err != EAGAIN && err != EINTR) return err;
+    // The word moved before we slept, or a signal: look at the value again.
+    if (*m_pValue != kReset) return 0;
+  }
+}
+
 unsigned long CPEventImpl::wait(unsigned long timeoutMs) {
-  pthread_mutex_lock(m_pMutex);
+  LockEventMutex(m_pMutex);
   const int self = static_cast<int>(::getpid());
   if (m_pNameInfo != nullptr) {
     CNameMap* names = get_nameMap();
@@ -87,7 +154,9 @@ unsigned long CPEventImpl::wait(unsigned long timeoutMs) {
     result = *m_pValue;
   } else {
     int r;
-    if (timeoutMs == 0xFFFFFFFFUL) {
+    if (m_pSeq != nullptr) {
+      r = waitNamed(timeoutMs);
+    } else if (timeoutMs == 0xFFFFFFFFUL) {
       r = pthread_cond_wait(m_pCond, m_pMutex);
     } else {
       const timespec deadline = WallDeadline(timeoutMs);

@@ -3,6 +3,7 @@
 
 #include <pthread.h>
 
+#include <cstdint>
 #include <string>
 
 #include "names/name_map.h"
@@ -26,6 +27,11 @@ class CPEventImpl {
   void setTrace(int trace) { m_trace = trace; }
 
  private:
+  // The blocking part of a named event's wait, entered and left with the
+  // event's mutex held: 0 when woken or when the value is set, ETIMEDOUT,
+  // or another errno of the futex wait.
+  int waitNamed(unsigned long timeoutMs);
+
   int m_allowTrace;
   unsigned long m_localValue;
   pthread_cond_t m_localCond;
@@ -35,6 +41,7 @@ class CPEventImpl {
   unsigned long* m_pValue;
   pthread_cond_t* m_pCond;
   pthread_mutex_t* m_pMutex;
+  uint32_t* m_pSeq;  // a named event's wake sequence (futex word), else null
   int m_trace;
 };
 

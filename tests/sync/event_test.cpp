@@ -4,16 +4,21 @@
 // name map each one sees is fresh.
 #include "ambit/event.h"
 
+#include <linux/futex.h>
 #include <pthread.h>
+#include <signal.h>
+#include <sys/syscall.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cctype>
+#include <cstdint>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -609,10 +614,11 @@ TEST(NamedEventTest, SpuriousWakeUpReturnsZeroNotTimeOut) {
   });
   while (tid == 0) std::this_thread::yield();
   ASSERT_TRUE(WaitUntilBlockedInFutex(tid, 5000));
-  // Holding the event's mutex proves the waiter is inside the condition
-  // wait; then signal the condition without any wake.
+  // Holding the event's mutex proves the waiter is asleep on the wake
+  // sequence; then wake that futex without any wake().
+  uint32_t* sequence = reinterpret_cast<uint32_t*>(&entry->object.condvar.cond);
   pthread_mutex_lock(&entry->object.condvar.mutex);
-  pthread_cond_signal(&entry->object.condvar.cond);
+  ::syscall(SYS_futex, sequence, FUTEX_WAKE, 1, nullptr, nullptr, 0);
   pthread_mutex_unlock(&entry->object.condvar.mutex);
   const auto start = Clock::now();
   waiter.join();
@@ -801,3 +807,78 @@ TEST(NamedEventTest, CPEventExSharesANamedEventWithAnotherProcess) {
 }
 
 }  // namespace
+
+// Processes killed in the middle of a named event's wait or wake: the
+// survivors keep using the event.
+TEST(NamedEventTest, WaitersKilledWhileBlockedDoNotStopLaterWakes) {
+  const std::string name = UniqueName("event");
+  Handshake blocked;
+  std::vector<std::unique_ptr<ForkedChild>> victims;
+  for (int i = 0; i < 3; ++i) {
+    victims.emplace_back(new ForkedChild([&] {
+      try {
+        CPEvent peer(1, name, 0);
+        blocked.Signal();
+        peer.wait(20000, nullptr);
+      } catch (...) {
+      }
+      return 0;
+    }));
+    ASSERT_TRUE(blocked.WaitFor(5000));
+  }
+  ::usleep(100000);  // all three asleep in the wait
+  for (auto& v : victims) EXPECT_EQ(-1, v->Join(0));  // SIGKILL
+
+  // Many wake and wait rounds between two live processes, each bounded.
+  ForkedChild rounds([&] {
+    try {
+      CPEvent event(1, name, 0);
+      CPEvent reply(1, name + "-reply", 0);
+      for (int i = 0; i < 50; ++i) {
+        if (event.wait(2000, nullptr) != 0x1) return 2;
+        reply.wake(0x2);
+      }
+      return 0;
+    } catch (...) {
+      return 3;
+    }
+  });
+  ForkedChild driver([&] {
+    try {
+      CPEvent event(1, name, 0);
+      CPEvent reply(1, name + "-reply", 0);
+      for (int i = 0; i < 50; ++i) {
+        event.wake(0x1);
+        if (reply.wait(2000, nullptr) != 0x2) return 2;
+      }
+      return 0;
+    } catch (...) {
+      return 3;
+    }
+  });
+  EXPECT_EQ(0, driver.Join(20000));
+  EXPECT_EQ(0, rounds.Join(20000));
+}
+
+TEST(NamedEventTest, AProcessKilledHoldingTheEventsMutexDoesNotBlockTheOthers) {
+  const std::string name = UniqueName("event");
+  CPEvent event(1, name, 0);
+  CNameMap::SNAMEINFO* entry = EntryOf(name);
+  ASSERT_NE(nullptr, entry);
+  Handshake holding;
+  ForkedChild holder([&] {
+    // As a wake or a wait does, between taking the mutex and letting go.
+    pthread_mutex_lock(&entry->object.condvar.mutex);
+    holding.Signal();
+    ::sleep(20);
+    return 0;
+  });
+  ASSERT_TRUE(holding.WaitFor(5000));
+  EXPECT_EQ(-1, holder.Join(0));  // killed holding it
+
+  ForkedChild user([&] {
+    event.wake(0x4);
+    return event.wait(1000, nullptr) == 0x4 ? 0 : 2;
+  });
+  EXPECT_EQ(0, user.Join(5000)) << "-1: blocked on the dead process's lock";
+}
