@@ -17,8 +17,6 @@ constexpr unsigned long kLevelOrdinary = 2;
 void ClearThreadIdInChild() { RecursiveLock::ForgetThreadId(); }
 }  // namespace
 
-thread_local int RecursiveLock::t_threadId = 0;
-
 int RecursiveLock::CacheThreadId() {
   static const int registered = pthread_atfork(nullptr, nullptr, &ClearThreadIdInChild);
   (void)registered;

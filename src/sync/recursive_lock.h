@@ -75,7 +75,9 @@ class RecursiveLock {
   }
   // Asks the kernel and fills the cache (cleared in the child after fork).
   static int CacheThreadId();
-  static thread_local int t_threadId __attribute__((tls_model("initial-exec")));
+  // Defined here with its constant initial value, so that reading it is a
+  // plain thread-relative load with no initialisation call.
+  static inline thread_local int t_threadId __attribute__((tls_model("initial-exec"))) = 0;
 
   // Takes a free lock word: 0 -> 1.
   bool Acquire() {
