@@ -1041,7 +1041,7 @@ TEST(MutexTest, AProcessTakingOverTheSlotOfAKilledWaiterStartsWithNoWaitCounted)
 // to widen the window; no increment may be lost.
 void CountUnderTheMutex(bool recursive) {
   constexpr int kThreads = 8;
-  constexpr int kIncrements = 3000;
+  constexpr int kIncrements = 10000;
   const std::string name = UniqueName("stress");
   const std::string block = UniqueName("counter");
   struct Counter {
