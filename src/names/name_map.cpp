@@ -234,6 +234,11 @@ CNameMap::SNAMEINFO* CNameMap::createNamedObject(std::string name, CREATETYPE cr
       result = nullptr;
     } else {
       map->dwBusyPid = own;
+      // A free slot may still carry the wait count of a process that died
+      // waiting (cleanup frees the slot but leaves the count). The new user
+      // starts with no wait in progress, or its own death would later be
+      // taken for a death in a wait.
+      if (e.pids[chosen].dwPid != own) e.pids[chosen].dwWaitCount = 0;
       e.pids[chosen].dwCount += 1;
       e.pids[chosen].dwPid = own;
       e.dwUseCount += 1;
