@@ -166,8 +166,14 @@ timespec RealtimeAfter(int ms) {
   timespec t;
   ::clock_gettime(CLOCK_REALTIME, &t);
   long long ns = t.tv_nsec + static_cast<long long>(ms) * 1000000LL;
-  t.tv_sec += static_cast<time_t>(ns / 1000000000LL);
-  t.tv_nsec = static_cast<long>(ns % 1000000000LL);
+  long long sec = ns / 1000000000LL;
+  ns %= 1000000000LL;
+  if (ns < 0) {  // a time in the past
+    ns += 1000000000LL;
+    --sec;
+  }
+  t.tv_sec += static_cast<time_t>(sec);
+  t.tv_nsec = static_cast<long>(ns);
   return t;
 }
 
