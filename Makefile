@@ -16,7 +16,7 @@ TEST_JOBS ?= $(shell echo $$(( $$(nproc) * 2 )))
 CMAKE_CONFIGURE = cmake -G Ninja -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/i386-toolchain.cmake
 CTEST = ctest --output-on-failure --timeout 300 -j $(TEST_JOBS)
 
-.PHONY: all deps build test demo torture asan bench fuzz clean
+.PHONY: all deps build test demo torture asan bench bench-report fuzz clean
 
 all: build
 

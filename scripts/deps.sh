@@ -6,8 +6,9 @@ set -u
 
 # Packages for the i386 build and the tests.
 core=(g++-multilib procps tzdata util-linux file pkg-config)
-# i386 packages for the benchmarks (installed beside the amd64 ones).
-extra=(libbenchmark-dev:i386)
+# For the benchmarks (the i386 Google Benchmark beside the amd64 one) and the
+# fuzz target (clang with its libFuzzer runtime).
+extra=(libbenchmark-dev:i386 clang libclang-rt-14-dev)
 
 missing() {
   local p
