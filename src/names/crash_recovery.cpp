@@ -131,6 +131,9 @@ void CNameMap::pidWatcherThreadFunc() {
   if (g_pambittracing)
     traceImpl(kCategoryRegistry, kLevelOrdinary, "CNameMap::pidWatcherThread - starting\n");
   while (m_stopEvent.wait(kWatchPeriodMs, nullptr) == QK_WAIT_TIMEOUT) {
+    // The destructor lets go of the table before it stops the watcher: a
+    // pass must not start on a table that is gone.
+    if (m_stop) break;
     lock();
     checkForObsoleteEntries();
     m_pNameMap->dwBusyPid = 0;

@@ -141,8 +141,11 @@ CNameMap::CNameMap()
       m_pNameMap->dwBusyPid = 0;
     }
   }
-  m_watcherRunning = 0;
-  CPortable::CreateThread(&CNameMap::pidWatcherThread, this, nullptr, "pid-watcher");
+  // Marked running before the thread starts, so that a destructor that
+  // follows at once still waits for the watcher to let go of this object.
+  m_watcherRunning = 1;
+  if (CPortable::CreateThread(&CNameMap::pidWatcherThread, this, nullptr, "pid-watcher") == 0)
+    m_watcherRunning = 0;
   m_pLock->unlock();
 }
 

@@ -360,7 +360,11 @@ TEST_F(CrashRecoveryTest, PidWatcherStartsNamedAndStopsWithTheMap) {
   const std::string expected = mainName.substr(0, mainName.find('.')).substr(0, 3) + ".NameMapPidW";
 
   CNameMap* map = Map();
-  ASSERT_TRUE(WaitUntil([map] { return map->watcherRunning(); }, 5000));
+  // Marked running from the start; the thread names itself, then traces.
+  EXPECT_TRUE(map->watcherRunning());
+  ASSERT_TRUE(WaitUntil(
+      [&hook] { return CountContaining(hook.Texts(), "CNameMap::pidWatcherThread - starting\n") > 0; },
+      5000));
   EXPECT_EQ(1, CountContaining(hook.Texts(), "CNameMap::pidWatcherThread - starting\n"));
   for (const RecordingHook::Line& l : hook.Lines()) {
     if (l.text.find("pidWatcherThread") != std::string::npos) {
@@ -432,3 +436,17 @@ TEST_F(CrashRecoveryTest, PidWatcherAloneUnlocksAKilledHoldersMutexWithin25Secon
 
 }  // namespace
 }  // namespace names_test
+
+namespace {
+
+// A map destroyed right after it was made still waits for its watcher to
+// let go of it (the sanitizer build sees any use after the delete).
+TEST(NameMapLifetimeTest, AMapDestroyedAtOnceWaitsForItsWatcher) {
+  for (int i = 0; i < 10; ++i) {
+    CNameMap* map = new CNameMap;
+    EXPECT_TRUE(map->watcherRunning());
+    delete map;
+  }
+}
+
+}  // namespace
