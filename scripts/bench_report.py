@@ -27,7 +27,7 @@ GOALS = [
     (r"named CPEvent ping-pong / raw shared", "<= 2.00x", 2.00),
 ]
 
-RATIO_LINE = re.compile(r"^\s{2}(?P<label>.+?)\s+(?P<ratio>[0-9.]+)x(?:\s+(?P<kind>CPU|real))?\s*$")
+RATIO_LINE = re.compile(r"^\s{2}(?P<label>.+?)\s+(?P<ratio>[0-9.]+)x(?:\s+(?P<kind>CPU|wall))?\s*$")
 
 
 def goal_for(label):
