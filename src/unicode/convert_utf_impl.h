@@ -431,19 +431,22 @@ ConversionResult Utf8ToWideFast(const UTF8** sourceStart, const UTF8* sourceEnd,
         continue;
       }
       if (c0 - 0xE0 < 0x10) {
-        if (!IsContinuation(c1) || !IsContinuation(source[2]) || (c0 == 0xE0 && c1 < 0xA0) ||
-            (c0 == 0xED && c1 > 0x9F))
-          break;
-        sink.Put((c0 << 12) + (c1 << 6) + source[2] - kOffsetsFromUTF8[2]);
+        // With both continuation bytes right, the rules for E0 and ED are
+        // the value lying at or above 0x800 and outside the surrogates: one
+        // test of the bytes' top bits and one of the value.
+        const UTF32 c2 = source[2];
+        const UTF32 ch = (c0 << 12) + (c1 << 6) + c2 - kOffsetsFromUTF8[2];
+        if ((((c1 << 8) | c2) & 0xC0C0) != 0x8080 || ch < 0x800 || ch - 0xD800 < 0x800) break;
+        sink.Put(ch);
         source += 3;
         continue;
       }
       if (c0 - 0xF0 < 0x05) {
-        if (!IsContinuation(c1) || !IsContinuation(source[2]) || !IsContinuation(source[3]) ||
-            (c0 == 0xF0 && c1 < 0x90) || (c0 == 0xF4 && c1 > 0x8F))
+        // Likewise F0 and F4: the value must lie in [0x10000, 0x10FFFF].
+        const UTF32 c2 = source[2], c3 = source[3];
+        UTF32 ch = (c0 << 18) + (c1 << 12) + (c2 << 6) + c3 - kOffsetsFromUTF8[3];
+        if ((((c1 << 16) | (c2 << 8) | c3) & 0xC0C0C0) != 0x808080 || ch - 0x10000 >= 0x100000)
           break;
-        UTF32 ch = (c0 << 18) + (c1 << 12) + (UTF32(source[2]) << 6) + source[3] -
-                   kOffsetsFromUTF8[3];
         if constexpr (kToUtf32) {
           sink.Put(ch);
         } else {
