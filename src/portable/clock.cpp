@@ -32,8 +32,9 @@ void FromFileTime(unsigned long long fileTime, time_t* seconds,
   *microseconds = static_cast<long long>(us % 1000000);
 }
 
-void FillSystemTime(const tm& t, unsigned milliseconds,
-                    CPortable::SYSTEMTIME* out) {
+}  // namespace
+
+void SystemTimeFromTm(const tm& t, unsigned milliseconds, CPortable::SYSTEMTIME* out) {
   out->wYear = static_cast<unsigned short>(t.tm_year + 1900);
   out->wMonth = static_cast<unsigned short>(t.tm_mon + 1);
   out->wDayOfWeek = static_cast<unsigned short>(t.tm_wday);
@@ -43,6 +44,8 @@ void FillSystemTime(const tm& t, unsigned milliseconds,
   out->wSecond = static_cast<unsigned short>(t.tm_sec);
   out->wMilliseconds = static_cast<unsigned short>(milliseconds);
 }
+
+namespace {
 
 // The UTC offset in force at `seconds`, read as a UTC instant.
 long LocalOffsetAt(time_t seconds) {
@@ -72,7 +75,7 @@ void LocalSystemTime(const WallClock& clock, CPortable::SYSTEMTIME* out) {
   tm t;
   std::memset(&t, 0, sizeof t);
   localtime_r(&now, &t);
-  FillSystemTime(t, static_cast<unsigned>(clock.pfnMicroseconds() / 1000),
+  SystemTimeFromTm(t, static_cast<unsigned>(clock.pfnMicroseconds() / 1000),
                  out);
 }
 
@@ -198,7 +201,7 @@ int CPortable::ULLFileTimeToSystemTime(const unsigned long long* in,
   tm t;
   std::memset(&t, 0, sizeof t);
   gmtime_r(&seconds, &t);
-  FillSystemTime(t, static_cast<unsigned>(us / 1000), out);
+  SystemTimeFromTm(t, static_cast<unsigned>(us / 1000), out);
   return 1;
 }
 
@@ -234,7 +237,7 @@ void CPortable::GetSystemTime(SYSTEMTIME* out) {
   tm t;
   std::memset(&t, 0, sizeof t);
   gmtime_r(&now, &t);
-  FillSystemTime(t, static_cast<unsigned>(SystemWallMicroseconds() / 1000),
+  SystemTimeFromTm(t, static_cast<unsigned>(SystemWallMicroseconds() / 1000),
                  out);
 }
 

@@ -9,6 +9,7 @@
 #include <new>
 
 #include "ambit/portable.h"
+#include "portable/wall_clock.h"
 #include "trace/trace_impl.h"
 
 namespace {
@@ -61,14 +62,7 @@ unsigned long long CPortable::GetProcessStartTime(unsigned long pid) {
   std::memset(&utc, 0, sizeof utc);
   gmtime_r(&t, &utc);
   SYSTEMTIME st;
-  st.wYear = static_cast<unsigned short>(utc.tm_year + 1900);
-  st.wMonth = static_cast<unsigned short>(utc.tm_mon + 1);
-  st.wDayOfWeek = static_cast<unsigned short>(utc.tm_wday);
-  st.wDay = static_cast<unsigned short>(utc.tm_mday);
-  st.wHour = static_cast<unsigned short>(utc.tm_hour);
-  st.wMinute = static_cast<unsigned short>(utc.tm_min);
-  st.wSecond = static_cast<unsigned short>(utc.tm_sec);
-  st.wMilliseconds = 0;
+  SystemTimeFromTm(utc, 0, &st);
   unsigned long long fileTime = 0;
   ULLSystemTimeToFileTime(&st, &fileTime);
   return fileTime;

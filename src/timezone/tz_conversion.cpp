@@ -5,6 +5,7 @@
 
 #include "ambit/portable.h"
 #include "ambit/timezone.h"
+#include "portable/wall_clock.h"
 #include "timezone/tz_runtime.h"
 
 namespace {
@@ -53,15 +54,7 @@ int CPortable::SystemTimeToTzSpecificLocalTime(const _TIME_ZONE_INFORMATION* tzi
                                                SYSTEMTIME* local) {
   tm zoneTm;
   ToZone(tzi, utc, &zoneTm);
-  const unsigned short milliseconds = utc->wMilliseconds;  // utc may be local
-  local->wYear = static_cast<unsigned short>(zoneTm.tm_year + 1900);
-  local->wMonth = static_cast<unsigned short>(zoneTm.tm_mon + 1);
-  local->wDayOfWeek = static_cast<unsigned short>(zoneTm.tm_wday);
-  local->wDay = static_cast<unsigned short>(zoneTm.tm_mday);
-  local->wHour = static_cast<unsigned short>(zoneTm.tm_hour);
-  local->wMinute = static_cast<unsigned short>(zoneTm.tm_min);
-  local->wSecond = static_cast<unsigned short>(zoneTm.tm_sec);
-  local->wMilliseconds = milliseconds;
+  SystemTimeFromTm(zoneTm, utc->wMilliseconds, local);  // utc may be local
   return 1;
 }
 
