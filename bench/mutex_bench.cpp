@@ -28,6 +28,7 @@
 
 #include "ambit/ambit.h"
 #include "benchmark/benchmark.h"
+#include "private_namespaces.h"
 #include "ratio_main.h"
 
 namespace {
@@ -35,25 +36,9 @@ namespace {
 constexpr unsigned long kInfinite = 0xFFFFFFFFUL;
 constexpr const char* kPeerVariable = "AMBIT_MUTEX_BENCH_PEER";
 
-bool g_isolated = false;
-
-// Before main (and before any thread): move into private namespaces so the
-// named runs see a name map of their own. A re-executed peer inherits them.
-struct Isolate {
-  Isolate() {
-    const char* already = std::getenv("AMBIT_ISOLATED");
-    if (already != nullptr && std::strcmp(already, "1") == 0) {
-      g_isolated = true;
-      return;
-    }
-    if (::unshare(CLONE_NEWIPC | CLONE_NEWNS) != 0) return;
-    if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return;
-    if (::mount("ambit-tmp", "/tmp", "tmpfs", 0, "mode=1777") != 0) return;
-    ::mount("ambit-shm", "/dev/shm", "tmpfs", 0, "mode=1777");
-    ::setenv("AMBIT_ISOLATED", "1", 1);
-    g_isolated = true;
-  }
-} g_isolate;
+// Before main (and before any thread): the named runs get a name map of
+// their own.
+const bool g_isolated = ambit_bench::EnterPrivateNamespaces();
 
 // The flags the two sides of a contended run share.
 struct Flags {
