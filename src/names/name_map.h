@@ -149,4 +149,14 @@ CNameMap* get_nameMap();
 
 extern CNameMap* g_pnameMap;
 
+// Runs `change` (an update of an entry's holder word or wait counts) under
+// the name map's interprocess lock. Never call it across a blocking wait.
+template <typename Change>
+void UnderNameMapLock(Change change) {
+  CNameMap* names = get_nameMap();
+  names->lock();
+  change();
+  names->unlock();
+}
+
 #endif  // AMBIT_NAMES_NAME_MAP_H_

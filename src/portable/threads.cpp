@@ -1,7 +1,6 @@
 // Starting, naming, joining and ending threads.
 #include <pthread.h>
 #include <sys/prctl.h>
-#include <sys/time.h>
 
 #include <cerrno>
 #include <cstring>
@@ -11,6 +10,7 @@
 #include "ambit/event.h"
 #include "ambit/exception.h"
 #include "ambit/portable.h"
+#include "sync/wall_deadline.h"
 #include "trace/trace_impl.h"
 
 namespace {
@@ -106,16 +106,7 @@ unsigned long CPortable::WaitForThreadToTerminate(unsigned long pthreadHandle,
   }
   if (timeoutMs == QK_INFINITE) return pthread_join(thread, nullptr) == 0 ? 0 : QK_WAIT_FAILED;
 
-  timeval now;
-  ::gettimeofday(&now, nullptr);
-  timespec deadline;
-  deadline.tv_sec = now.tv_sec + static_cast<time_t>(timeoutMs / 1000);
-  long ns = (now.tv_usec + static_cast<long>(timeoutMs % 1000) * 1000) * 1000;
-  if (ns > 999999999) {
-    ns -= 1000000000;
-    deadline.tv_sec += 1;
-  }
-  deadline.tv_nsec = ns;
+  const timespec deadline = WallDeadline(timeoutMs);
   // An expired join reports ETIMEDOUT, not EBUSY, and so gives 0xD0000000:
   // callers rely on the difference from the zero-timeout case.
   const int r = pthread_timedjoin_np(thread, nullptr, &deadline);

@@ -142,12 +142,7 @@ int CPEventImpl::waitNamed(unsigned long timeoutMs) {
 unsigned long CPEventImpl::wait(unsigned long timeoutMs) {
   LockEventMutex(m_pMutex);
   const int self = static_cast<int>(::getpid());
-  if (m_pNameInfo != nullptr) {
-    CNameMap* names = get_nameMap();
-    names->lock();
-    *m_pPid = self;
-    names->unlock();
-  }
+  if (m_pNameInfo != nullptr) UnderNameMapLock([this, self] { *m_pPid = self; });
 
   unsigned long result;
   if (*m_pValue != kReset) {
@@ -177,12 +172,10 @@ unsigned long CPEventImpl::wait(unsigned long timeoutMs) {
   // Bits that arrived too late for a timed-out wait are dropped too.
   *m_pValue = kReset;
 
-  if (m_pNameInfo != nullptr) {
-    CNameMap* names = get_nameMap();
-    names->lock();
-    if (*m_pPid == self) *m_pPid = 0;
-    names->unlock();
-  }
+  if (m_pNameInfo != nullptr)
+    UnderNameMapLock([this, self] {
+      if (*m_pPid == self) *m_pPid = 0;
+    });
   pthread_mutex_unlock(m_pMutex);
   return result;
 }

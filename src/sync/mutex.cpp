@@ -26,15 +26,6 @@ constexpr unsigned long kLevelError = 64;
 
 int OwnPid() { return static_cast<int>(::getpid()); }
 
-// Runs `change` on the entry's bookkeeping under the name map's lock.
-template <typename Change>
-void UnderNameMapLock(Change change) {
-  CNameMap* names = get_nameMap();
-  names->lock();
-  change();
-  names->unlock();
-}
-
 }  // namespace
 
 CPMutexImpl::CPMutexImpl(int create, int initialOwner, const std::string& name, int recursive,

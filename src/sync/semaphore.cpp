@@ -73,23 +73,16 @@ unsigned long CPSemaphoreImpl::wait(unsigned long timeoutMs) {
                 static_cast<void*>(this), r);
     return QK_WAIT_FAILED;
   }
-  if (m_pNameInfo != nullptr) {
-    CNameMap* names = get_nameMap();
-    names->lock();
-    *m_pPid = static_cast<int>(::getpid());
-    names->unlock();
-  }
+  if (m_pNameInfo != nullptr) UnderNameMapLock([this] { *m_pPid = static_cast<int>(::getpid()); });
   return 0;
 }
 
 void CPSemaphoreImpl::release() {
   sem_post(m_pSem);
-  if (m_pNameInfo != nullptr) {
-    CNameMap* names = get_nameMap();
-    names->lock();
-    if (*m_pPid == static_cast<int>(::getpid())) *m_pPid = 0;
-    names->unlock();
-  }
+  if (m_pNameInfo != nullptr)
+    UnderNameMapLock([this] {
+      if (*m_pPid == static_cast<int>(::getpid())) *m_pPid = 0;
+    });
 }
 
 CPSemaphore::CPSemaphore(int create, unsigned long initialCount, unsigned long maximumCount,
