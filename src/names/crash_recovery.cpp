@@ -11,6 +11,9 @@
 #include "ambit/exception.h"
 #include "ambit/portable.h"
 #include "names/name_map.h"
+#include "portable/self_ids.h"
+#include "portable/test_point.h"
+#include "sync/robust_mutex.h"
 #include "trace/trace_impl.h"
 
 namespace {
@@ -22,17 +25,33 @@ constexpr unsigned long kLevelError = 64;
 constexpr unsigned long kWatchPeriodMs = 20000;
 constexpr char kLockFilePrefix[] = "/tmp/Ambit-ipclock-";
 
-void UnlockMutex(CNameMap::SNAMEINFO& e) {
-  const int r = pthread_mutex_unlock(&e.object.mutex);
-  if (r != 0 && g_pambittracing)
-    traceImpl(kCategoryErrors, kLevelError,
-              "(Error) CNameMap::checkForObsoleteEntries, pthread_mutex_unlock (%d)\n", r);
+// The holder word goes from the dead pid to 0 only if it still names the
+// dead pid: a live process may have just written its own.
+bool ClearHolderIf(CNameMap::SNAMEINFO& e, uint32_t deadPid) {
+  int32_t expected = static_cast<int32_t>(deadPid);
+  return __atomic_compare_exchange_n(&e.dwHolderPid, &expected, 0, false, __ATOMIC_SEQ_CST,
+                                     __ATOMIC_SEQ_CST);
+}
+
+int32_t Holder(const CNameMap::SNAMEINFO& e) {
+  return __atomic_load_n(&e.dwHolderPid, __ATOMIC_SEQ_CST);
+}
+
+uint32_t WaitCount(const CNameMap::SPIDINFO& p) {
+  return __atomic_load_n(&p.dwWaitCount, __ATOMIC_SEQ_CST);
 }
 
 }  // namespace
 
+void CNameMap::FreeMutexOfTheDead(SNAMEINFO* entry) {
+  int error = 0;
+  if (FreeUnlessHeldByLive(&entry->object.mutex, &error) == FreeResult::Failed && g_pambittracing)
+    traceImpl(kCategoryErrors, kLevelError,
+              "(Error) CNameMap::checkForObsoleteEntries, pthread_mutex_unlock (%d)\n", error);
+}
+
 void CNameMap::checkForObsoleteEntries() {
-  const uint32_t own = static_cast<uint32_t>(CPortable::GetCurrentProcessId());
+  const uint32_t own = static_cast<uint32_t>(OwnProcessId());
   SNAMEMAP* map = m_pNameMap;
   std::map<unsigned long, int> alive;  // each pid is probed once per pass
   uint32_t lastUsed = 0;
@@ -52,6 +71,7 @@ void CNameMap::checkForObsoleteEntries() {
       if (known->second) continue;
 
       map->dwBusyPid = own;
+      AtTestPoint(TestPoint::RecoveryPass);
       if (g_pambittracing)
         traceImpl(kCategoryRegistry, kLevelOrdinary,
                   "CNameMap::checkForObsoleteEntries, pid %d does not exist\n",
@@ -62,20 +82,21 @@ void CNameMap::checkForObsoleteEntries() {
         ender = &p;  // keeps its dead pid for the holder test below
         break;
       }
-      if (e.dwHolderPid == static_cast<int32_t>(p.dwPid)) {
-        e.dwHolderPid = 0;
+      // The mutex is let go only if no live thread holds it: a waiter may
+      // already have been handed it by the kernel.
+      if (ClearHolderIf(e, p.dwPid)) {
         if (e.nameType == Mutex) {
           AMBIT_TRACE_LOG(
               "CNameMap::checkForObsoleteEntries.2, obsolete pid %d, unlocking mutex for \"%s\"\n",
               static_cast<int>(p.dwPid), e.szName);
-          UnlockMutex(e);
+          FreeMutexOfTheDead(&e);
         }
-      } else if (e.dwHolderPid == 0 && e.nameType == Mutex && p.dwWaitCount != 0) {
+      } else if (Holder(e) == 0 && e.nameType == Mutex && WaitCount(p) != 0) {
         // It died waiting for the mutex.
         AMBIT_TRACE_LOG(
             "CNameMap::checkForObsoleteEntries.3, obsolete pid %d, unlocking mutex for \"%s\"\n",
             static_cast<int>(p.dwPid), e.szName);
-        UnlockMutex(e);
+        FreeMutexOfTheDead(&e);
       }
       p.dwPid = 0;
     }
@@ -88,25 +109,22 @@ void CNameMap::checkForObsoleteEntries() {
     if (g_pambittracing)
       traceImpl(kCategoryErrors, kLevelOrdinary,
                 "CNameMap::checkForObsoleteEntries, no more users of object \"%s\"\n", e.szName);
-    const bool heldOrAwaited =
-        e.dwHolderPid == static_cast<int32_t>(ender->dwPid) ||
-        (e.dwHolderPid == 0 && ender->dwWaitCount != 0);
+    // Nobody uses the object any more, so nothing can race with these
+    // updates; the same compare-and-swap serves anyway.
+    const bool held = ClearHolderIf(e, ender->dwPid);
     switch (e.nameType) {
       case Mutex:
-        if (heldOrAwaited) {
-          e.dwHolderPid = 0;
+        if (held || (Holder(e) == 0 && WaitCount(*ender) != 0)) {
           AMBIT_TRACE_LOG(
               "CNameMap::checkForObsoleteEntries.1, obsolete pid %d, unlocking mutex for \"%s\"\n",
               static_cast<int>(ender->dwPid), e.szName);
-          UnlockMutex(e);
+          FreeMutexOfTheDead(&e);
         }
         pthread_mutex_destroy(&e.object.mutex);
         break;
       case Semaphore:
-        if (e.dwHolderPid == static_cast<int32_t>(ender->dwPid)) e.dwHolderPid = 0;
         break;
       default:
-        if (e.dwHolderPid == static_cast<int32_t>(ender->dwPid)) e.dwHolderPid = 0;
         // The condition variable is left alone: see DestroyObject.
         pthread_mutex_destroy(&e.object.condvar.mutex);
         break;

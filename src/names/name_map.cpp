@@ -11,9 +11,11 @@
 
 #include "ambit/exception.h"
 #include "ambit/portable.h"
+#include "portable/self_ids.h"
 #include "shm/interprocess_lock.h"
 #include "shm/share_mem_map.h"
 #include "sync/mutex_globals.h"
+#include "sync/robust_mutex.h"
 #include "trace/trace_impl.h"
 
 namespace {
@@ -28,7 +30,7 @@ constexpr size_t kMaxNameLength = 255;
     if (g_pambittracing) traceImpl(kCategoryRegistry, kLevelOrdinary, __VA_ARGS__); \
   } while (0)
 
-uint32_t OwnPid() { return static_cast<uint32_t>(CPortable::GetCurrentProcessId()); }
+uint32_t OwnPid() { return static_cast<uint32_t>(OwnProcessId()); }
 
 bool IsFree(const CNameMap::SNAMEINFO& e) { return e.szName[0] == '\0'; }
 
@@ -39,31 +41,20 @@ bool IsDead(uint32_t pid) {
 
 void InitObject(CNameMap::SNAMEINFO* e, unsigned long value) {
   switch (e->nameType) {
-    case CNameMap::Mutex: {
-      pthread_mutexattr_t attr;
-      pthread_mutexattr_init(&attr);
-      pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ADAPTIVE_NP);
-      pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
-      std::memset(&e->object.mutex, 0, sizeof e->object.mutex);
-      pthread_mutex_init(&e->object.mutex, &attr);
-      pthread_mutexattr_destroy(&attr);
+    case CNameMap::Mutex:
+      // Robust: the kernel hands the mutex of a dead owner to the next
+      // waiter at once, and crash recovery can tell a dead owner from a
+      // live one.
+      InitRobustSharedMutex(&e->object.mutex, PTHREAD_MUTEX_ADAPTIVE_NP);
       break;
-    }
     case CNameMap::Semaphore:
       std::memset(&e->object.semaphore, 0, sizeof e->object.semaphore);
       sem_init(&e->object.semaphore, 1, static_cast<unsigned>(value));
       break;
     default: {  // an event
       CNameMap::SCONDVAR& cv = e->object.condvar;
-      pthread_mutexattr_t mattr;
-      pthread_mutexattr_init(&mattr);
-      pthread_mutexattr_settype(&mattr, PTHREAD_MUTEX_RECURSIVE);
-      pthread_mutexattr_setpshared(&mattr, PTHREAD_PROCESS_SHARED);
       // Robust: a process killed while holding it does not block the others.
-      pthread_mutexattr_setrobust(&mattr, PTHREAD_MUTEX_ROBUST);
-      std::memset(&cv.mutex, 0, sizeof cv.mutex);
-      pthread_mutex_init(&cv.mutex, &mattr);
-      pthread_mutexattr_destroy(&mattr);
+      InitRobustSharedMutex(&cv.mutex, PTHREAD_MUTEX_RECURSIVE);
       // Initialised as a process-shared condition for the layout's sake;
       // the event's waits and wakes use its first word as a futex (see
       // sync/event_impl.cpp), and the zeroed condition starts it at 0.
@@ -220,13 +211,12 @@ CNameMap::SNAMEINFO* CNameMap::createNamedObject(std::string name, CREATETYPE cr
         p.dwPid = 0;
         p.dwCount = 0;
         // Compared with the slot's pid after it was cleared, so this only
-        // matches an entry that has no holder at all.
-        if (e.dwHolderPid == static_cast<int32_t>(p.dwPid)) {
-          e.dwHolderPid = 0;
-          if (e.nameType == Mutex) {
-            NAMEMAP_TRACE("CNameMap::createNamedObject, unlocking mutex for %s\n", e.szName);
-            pthread_mutex_unlock(&e.object.mutex);
-          }
+        // matches an entry that has no holder at all. The mutex is let go
+        // only if no live thread holds it.
+        if (__atomic_load_n(&e.dwHolderPid, __ATOMIC_SEQ_CST) == static_cast<int32_t>(p.dwPid) &&
+            e.nameType == Mutex) {
+          NAMEMAP_TRACE("CNameMap::createNamedObject, unlocking mutex for %s\n", e.szName);
+          FreeMutexOfTheDead(&e);
         }
       }
       if (p.dwPid == 0 && freeSlot < 0) freeSlot = s;

@@ -20,8 +20,14 @@ class CInterprocessLock;
 // process (get_nameMap()), never destroyed by the library; it runs a pid
 // watcher thread that cleans up every 20 s.
 //
-// Every change to the table is made under the map's interprocess lock with
-// dwBusyPid set to the changing process.
+// Every change to the table's structure (entries, names, pid slots, use
+// counts) is made under the map's interprocess lock with dwBusyPid set to
+// the changing process. The two words the objects update on every wait and
+// release, an entry's dwHolderPid and a slot's dwWaitCount, are changed with
+// atomic operations instead: they only keep books for crash recovery and
+// the inspector, while the kernel decides who owns a mutex. Recovery
+// changes them only by compare-and-swap, so it never overwrites a live
+// process's update.
 class CNameMap {
  public:
   enum NAMETYPE : int32_t { NameTypeInvalid = 0, Condvar = 1, Mutex = 2, Semaphore = 3 };
@@ -52,7 +58,7 @@ class CNameMap {
     SPIDINFO pids[64];
     union {
       SCONDVAR condvar;
-      pthread_mutex_t mutex;  // adaptive, process-shared
+      pthread_mutex_t mutex;  // adaptive, robust, process-shared
       sem_t semaphore;        // process-shared
     } object;
   };
@@ -91,6 +97,10 @@ class CNameMap {
 
   // Takes back what dead processes held. The caller holds the lock.
   void checkForObsoleteEntries();
+  // Lets go of the mutex of a Mutex entry that a dead process held or
+  // waited for, unless a live thread holds it now (see FreeUnlessHeldByLive
+  // in sync/robust_mutex.h). A failure is traced as an error line.
+  static void FreeMutexOfTheDead(SNAMEINFO* entry);
 
   // Snapshot enumeration: begin takes the lock, end releases it.
   void enumEntriesBegin();
@@ -148,15 +158,5 @@ static_assert(sizeof(CNameMap::SNAMEMAP) + 3164 == CNameMap::kSegmentSize,
 CNameMap* get_nameMap();
 
 extern CNameMap* g_pnameMap;
-
-// Runs `change` (an update of an entry's holder word or wait counts) under
-// the name map's interprocess lock. Never call it across a blocking wait.
-template <typename Change>
-void UnderNameMapLock(Change change) {
-  CNameMap* names = get_nameMap();
-  names->lock();
-  change();
-  names->unlock();
-}
 
 #endif  // AMBIT_NAMES_NAME_MAP_H_

@@ -3,13 +3,14 @@
 #include <unistd.h>
 
 #include "ambit/portable.h"
+#include "portable/self_ids.h"
 
 unsigned long CPortable::GetCurrentProcessId() {
-  return static_cast<unsigned long>(::getpid());
+  return static_cast<unsigned long>(OwnProcessId());
 }
 
 unsigned long CPortable::GetCurrentThreadId() {
-  return static_cast<unsigned long>(::syscall(SYS_gettid));
+  return static_cast<unsigned long>(OwnThreadId());
 }
 
 unsigned long CPortable::GetCurrentPThreadId() {

@@ -12,17 +12,7 @@
 namespace {
 constexpr unsigned long kCategoryCritSec = 32;
 constexpr unsigned long kLevelOrdinary = 2;
-
-// The child of fork() runs on a new kernel thread id.
-void ClearThreadIdInChild() { RecursiveLock::ForgetThreadId(); }
 }  // namespace
-
-int RecursiveLock::CacheThreadId() {
-  static const int registered = pthread_atfork(nullptr, nullptr, &ClearThreadIdInChild);
-  (void)registered;
-  t_threadId = static_cast<int>(::syscall(SYS_gettid));
-  return t_threadId;
-}
 
 CPCritSecImpl::CPCritSecImpl(std::string name, int allowTrace)
     : m_name(std::move(name)), m_allowTrace(allowTrace), m_lineNo(0), m_trace(0) {}

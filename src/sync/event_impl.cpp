@@ -10,6 +10,8 @@
 #include <cstring>
 
 #include "ambit/exception.h"
+#include "portable/self_ids.h"
+#include "sync/robust_mutex.h"
 #include "sync/wall_deadline.h"
 #include "trace/trace_impl.h"
 
@@ -23,9 +25,8 @@ constexpr unsigned long kReset = 0xF0000000UL;
 // and makes it consistent again. The value word it guards is a single word
 // and is never seen half written.
 int LockEventMutex(pthread_mutex_t* m) {
-  int r = pthread_mutex_lock(m);
-  if (r == EOWNERDEAD) r = pthread_mutex_consistent(m);
-  return r;
+  bool abandoned;
+  return LockRobustMutex(m, nullptr, &abandoned);
 }
 
 // Named events block on a futex word (the first word of the entry's
@@ -141,8 +142,10 @@ int CPEventImpl::waitNamed(unsigned long timeoutMs) {
 
 unsigned long CPEventImpl::wait(unsigned long timeoutMs) {
   LockEventMutex(m_pMutex);
-  const int self = static_cast<int>(::getpid());
-  if (m_pNameInfo != nullptr) UnderNameMapLock([this, self] { *m_pPid = self; });
+  // The waiter mark is a single word of bookkeeping for crash recovery and
+  // the inspector: written atomically, without the name map's lock.
+  const int self = OwnProcessId();
+  if (m_pNameInfo != nullptr) __atomic_store_n(m_pPid, self, __ATOMIC_SEQ_CST);
 
   unsigned long result;
   if (*m_pValue != kReset) {
@@ -172,10 +175,10 @@ unsigned long CPEventImpl::wait(unsigned long timeoutMs) {
   // Bits that arrived too late for a timed-out wait are dropped too.
   *m_pValue = kReset;
 
-  if (m_pNameInfo != nullptr)
-    UnderNameMapLock([this, self] {
-      if (*m_pPid == self) *m_pPid = 0;
-    });
+  if (m_pNameInfo != nullptr) {
+    int expected = self;
+    __atomic_compare_exchange_n(m_pPid, &expected, 0, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+  }
   pthread_mutex_unlock(m_pMutex);
   return result;
 }

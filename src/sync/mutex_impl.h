@@ -10,9 +10,12 @@
 class CPMutexRecursive;
 
 // The work behind CPMutex: a process-private recursive mutex, or the
-// process-shared adaptive mutex of a name map entry with the entry's holder
-// word (the owning process) and this process's wait count, kept up to date
-// for crash cleanup, plus the per-process recursion record when recursive.
+// process-shared robust adaptive mutex of a name map entry with the entry's
+// holder word (the owning process) and this process's wait count, kept up
+// to date for crash cleanup and the inspector, plus the per-process
+// recursion record when recursive. The kernel hands a mutex whose owner
+// died to the next waiter at once; the wait then succeeds and remembers,
+// for the calling thread, that it took over an abandoned mutex.
 class CPMutexImpl {
  public:
   CPMutexImpl(int create, int initialOwner, const std::string& name, int recursive,
@@ -24,6 +27,9 @@ class CPMutexImpl {
   unsigned long wait(unsigned long timeoutMs);
   unsigned long release();
   int isCreator() const { return m_isCreator; }
+  // 1 when the calling thread's last successful wait on this object took
+  // the mutex over from an owner that died.
+  int wasAbandoned() const;
   const std::string& name() const { return m_name; }
 
  private:
@@ -37,6 +43,12 @@ class CPMutexImpl {
   pthread_mutex_t* m_pMutex;
   CPMutexRecursive* m_pRecursive;  // named and recursive only
   int m_isCreator;
+  unsigned long long m_serial;  // tells this object apart in wasAbandoned()
+
+  unsigned long lockFailed(int error);
+  void clearHolderMark();
+  void noteAcquired(bool abandoned);
+  static unsigned long long NextSerial();
 };
 
 #endif  // AMBIT_SYNC_MUTEX_IMPL_H_

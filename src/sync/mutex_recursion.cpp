@@ -2,11 +2,13 @@
 // process's table of those records.
 #include "sync/mutex_recursion.h"
 
+#include <cerrno>
 #include <new>
 
 #include "ambit/exception.h"
 #include "ambit/portable.h"
 #include "sync/mutex_globals.h"
+#include "sync/robust_mutex.h"
 #include "trace/trace_impl.h"
 
 namespace {
@@ -64,11 +66,12 @@ int CPMutexRecursive::lock(pthread_mutex_t* mutex) {
     traceImpl(kCategoryLifeCycle, kLevelOrdinary,
               "CPMutexRecursive::lock %p - acquiring mutex\n",
               static_cast<void*>(mutex));
-  const int error = ::pthread_mutex_lock(mutex);
+  bool abandoned = false;
+  const int error = LockRobustMutex(mutex, nullptr, &abandoned);
   if (error != 0) return error;  // the gate stays entered, on purpose
   m_ownerThread = CurrentThread();
   ++m_count;
-  return 0;
+  return abandoned ? EOWNERDEAD : 0;
 }
 
 int CPMutexRecursive::timedlock(pthread_mutex_t* mutex, const timespec* absTime) {
@@ -90,11 +93,12 @@ int CPMutexRecursive::timedlock(pthread_mutex_t* mutex, const timespec* absTime)
     traceImpl(kCategoryLifeCycle, kLevelOrdinary,
               "CPMutexRecursive::timedlock %p - acquiring mutex\n",
               static_cast<void*>(mutex));
-  const int error = ::pthread_mutex_timedlock(mutex, absTime);
+  bool abandoned = false;
+  const int error = LockRobustMutex(mutex, absTime, &abandoned);
   if (error != 0) return error;  // ETIMEDOUT too: the gate stays entered
   m_ownerThread = CurrentThread();
   ++m_count;
-  return 0;
+  return abandoned ? EOWNERDEAD : 0;
 }
 
 int CPMutexRecursive::release(pthread_mutex_t* mutex) {

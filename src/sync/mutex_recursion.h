@@ -39,10 +39,12 @@ class CPMutexRecursive {
   // 0 once the calling thread owns the shared mutex (again), otherwise the
   // error number of pthread_mutex_lock. Blocks at the gate while another
   // thread of this process owns it, then in the shared mutex while another
-  // process owns it.
+  // process owns it. EOWNERDEAD, as from pthread_mutex_lock, means that the
+  // caller now owns a mutex whose previous owner died: it has been made
+  // consistent and counted like any other acquisition.
   int lock(pthread_mutex_t* mutex);
   // As lock(), but the wait in the shared mutex ends at absTime (absolute,
-  // CLOCK_REALTIME) with ETIMEDOUT.
+  // CLOCK_REALTIME) with ETIMEDOUT; EOWNERDEAD likewise means acquired.
   int timedlock(pthread_mutex_t* mutex, const timespec* absTime);
   // The count left after this release; the shared mutex is unlocked when
   // it is 0. Throws QKException 0xC1210E20, count and gate untouched, when

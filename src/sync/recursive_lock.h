@@ -9,6 +9,8 @@
 #include <atomic>
 #include <cerrno>
 
+#include "portable/self_ids.h"
+
 // A recursive lock private to one process, with the results of a recursive
 // pthread mutex: lock() 0, tryLock() 0 or EBUSY, unlock() 0 or EPERM when
 // the calling thread does not hold it. It exists because the critical
@@ -46,10 +48,6 @@ class RecursiveLock {
     return 0;
   }
 
-  // Empties the calling thread's id cache: the child of fork() runs on a
-  // new kernel thread.
-  static void ForgetThreadId() { t_threadId = 0; }
-
   int unlock() {
     if (m_owner.load(std::memory_order_relaxed) != Self()) return EPERM;
     if (--m_count != 0) return 0;
@@ -69,15 +67,7 @@ class RecursiveLock {
   // The calling thread's kernel id, as a pthread recursive mutex records
   // its owner: a new thread that reuses a dead thread's stack and
   // thread-local block is not taken for the dead owner.
-  static int Self() {
-    const int cached = t_threadId;
-    return cached != 0 ? cached : CacheThreadId();
-  }
-  // Asks the kernel and fills the cache (cleared in the child after fork).
-  static int CacheThreadId();
-  // Defined here with its constant initial value, so that reading it is a
-  // plain thread-relative load with no initialisation call.
-  static inline thread_local int t_threadId __attribute__((tls_model("initial-exec"))) = 0;
+  static int Self() { return OwnThreadId(); }
 
   // Takes a free lock word: 0 -> 1.
   bool Acquire() {

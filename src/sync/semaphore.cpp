@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "ambit/exception.h"
+#include "portable/self_ids.h"
 #include "sync/semaphore_impl.h"
 #include "sync/terminate_wait.h"
 #include "sync/wall_deadline.h"
@@ -73,16 +74,18 @@ unsigned long CPSemaphoreImpl::wait(unsigned long timeoutMs) {
                 static_cast<void*>(this), r);
     return QK_WAIT_FAILED;
   }
-  if (m_pNameInfo != nullptr) UnderNameMapLock([this] { *m_pPid = static_cast<int>(::getpid()); });
+  // The taker mark is a single word of bookkeeping for crash recovery and
+  // the inspector: written atomically, without the name map's lock.
+  if (m_pNameInfo != nullptr) __atomic_store_n(m_pPid, OwnProcessId(), __ATOMIC_SEQ_CST);
   return 0;
 }
 
 void CPSemaphoreImpl::release() {
   sem_post(m_pSem);
-  if (m_pNameInfo != nullptr)
-    UnderNameMapLock([this] {
-      if (*m_pPid == static_cast<int>(::getpid())) *m_pPid = 0;
-    });
+  if (m_pNameInfo != nullptr) {
+    int self = OwnProcessId();
+    __atomic_compare_exchange_n(m_pPid, &self, 0, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+  }
 }
 
 CPSemaphore::CPSemaphore(int create, unsigned long initialCount, unsigned long maximumCount,

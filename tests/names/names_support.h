@@ -144,8 +144,13 @@ inline void HoldMutexEntry(CNameMap::SNAMEINFO* e) {
   UnderMapLock([e] { e->dwHolderPid = static_cast<int32_t>(::getpid()); });
 }
 
-// True when nobody holds the entry's mutex (it is taken and given back).
+// True when nobody holds the entry's mutex (it is taken and given back). A
+// mutex whose owner died and that nobody has taken over yet is not free;
+// it is looked at without being taken (a trylock would take it over).
 inline bool MutexIsFree(CNameMap::SNAMEINFO* e) {
+  constexpr unsigned kOwnerDied = 0x40000000u;  // the kernel's mark on a robust mutex
+  if ((__atomic_load_n(&e->object.mutex.__data.__lock, __ATOMIC_SEQ_CST) & kOwnerDied) != 0)
+    return false;
   if (pthread_mutex_trylock(&e->object.mutex) != 0) return false;
   pthread_mutex_unlock(&e->object.mutex);
   return true;

@@ -4,12 +4,21 @@
 //
 // Runs in a private IPC + mount namespace (re-executing itself through
 // scripts/run-isolated.sh), so it never touches this machine's registries.
-// 16 worker processes loop over random operations on a few named mutexes,
-// events, semaphores and shared segments: open and close them, wait and
-// release with short time-outs, wake and wait, acquire and release segments,
-// and increment a counter. The parent kills workers with SIGKILL at random
-// moments, reaps them and starts replacements. After every round it runs
-// `ambit-ipcs --clean --check` and an audit of the counter.
+// 16 worker processes, each with two threads, loop over random operations on
+// a few named mutexes, events, semaphores and shared segments: open and
+// close them, wait and release with short time-outs, wake and wait, acquire
+// and release segments, and increment a counter. The parent kills workers
+// with SIGKILL at random moments (a third of the kills aimed at a worker
+// that is inside a mutex release), reaps them and starts replacements.
+// After every round it runs `ambit-ipcs --clean --check` and an audit of
+// the counter.
+//
+// Exclusion is checked directly: every thread that acquires a named mutex
+// records its process in an occupancy word for that mutex, and clears it
+// before it releases. A thread that acquires while the word still names a
+// live process has broken the mutex's exclusion: a violation. When the word
+// names a process the parent has killed, the mutex was abandoned and handed
+// on: that is counted, with the time from the kill to the acquisition.
 //
 // Why --clean before --check: a worker killed inside one of the library's
 // critical sections leaves records behind that the library itself repairs
@@ -44,6 +53,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ambit/ambit.h"
@@ -78,10 +88,25 @@ struct CounterBlock {
   } slots[kWorkers];
 };
 
+constexpr int kThreadsPerWorker = 2;
+constexpr int kKillRing = 1024;
+
 // Statistics the parent reads, in anonymous shared memory made before any
 // fork (not a library object: the parent never touches the library).
 struct Stats {
   volatile uint32_t stop;
+  // Which process is inside each named mutex (0 = none).
+  uint32_t occupant[kMutexes];
+  // Workers inside CPMutex::release (a count per worker slot).
+  uint32_t inRelease[kWorkers];
+  // The processes the parent killed, recorded before each SIGKILL, with the
+  // CLOCK_MONOTONIC time of the kill in microseconds.
+  uint32_t killedPid[kKillRing];
+  uint64_t killedAtUs[kKillRing];
+  uint32_t killCount;
+  uint32_t exclusionViolations;
+  uint32_t abandonments;
+  uint64_t longestAfterKillUs;
   uint32_t ops[kWorkers];
   uint32_t increments[kWorkers];
   uint32_t failures[kWorkers];
@@ -95,6 +120,57 @@ struct Stats {
 Stats* g_stats = nullptr;
 
 void Bump(uint32_t* p) { __atomic_fetch_add(p, 1, __ATOMIC_RELAXED); }
+
+uint64_t NowUs() {
+  timespec ts;
+  ::clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<uint64_t>(ts.tv_sec) * 1000000u + static_cast<uint64_t>(ts.tv_nsec) / 1000u;
+}
+
+// The time the parent killed pid (microseconds), or 0 when it did not.
+uint64_t KilledAt(uint32_t pid) {
+  const uint32_t n = __atomic_load_n(&g_stats->killCount, __ATOMIC_ACQUIRE);
+  const uint32_t first = n > kKillRing ? n - kKillRing : 0;
+  for (uint32_t i = n; i > first; --i)
+    if (g_stats->killedPid[(i - 1) % kKillRing] == pid) return g_stats->killedAtUs[(i - 1) % kKillRing];
+  return 0;
+}
+
+// Called right after a thread acquired named mutex i.
+void Enter(int i) {
+  const uint32_t self = static_cast<uint32_t>(::getpid());
+  const uint32_t before = __atomic_exchange_n(&g_stats->occupant[i], self, __ATOMIC_SEQ_CST);
+  if (before == 0) return;
+  const uint64_t killedAt = KilledAt(before);
+  if (killedAt != 0) {
+    Bump(&g_stats->abandonments);
+    const uint64_t waited = NowUs() - killedAt;
+    uint64_t longest = __atomic_load_n(&g_stats->longestAfterKillUs, __ATOMIC_RELAXED);
+    while (waited > longest &&
+           !__atomic_compare_exchange_n(&g_stats->longestAfterKillUs, &longest, waited, false,
+                                        __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {
+    }
+    return;
+  }
+  Bump(&g_stats->exclusionViolations);
+  std::printf("  violation: pid %u acquired %s while live pid %u was inside\n", self,
+              MutexName(i).c_str(), before);
+}
+
+// Called right before a thread releases named mutex i.
+void Leave(int i) {
+  uint32_t self = static_cast<uint32_t>(::getpid());
+  __atomic_compare_exchange_n(&g_stats->occupant[i], &self, 0, false, __ATOMIC_SEQ_CST,
+                              __ATOMIC_SEQ_CST);
+}
+
+// Releases named mutex i, marked as inside a release for the parent's aim.
+void Release(CPMutex* mutex, int i, int slot) {
+  Leave(i);
+  __atomic_fetch_add(&g_stats->inRelease[slot], 1, __ATOMIC_SEQ_CST);
+  mutex->release();
+  __atomic_fetch_sub(&g_stats->inRelease[slot], 1, __ATOMIC_SEQ_CST);
+}
 
 // Completes an increment whose process was killed in the middle of it. The
 // caller holds the counter mutex.
@@ -119,8 +195,8 @@ void Increment(CounterBlock* block, int slot) {
   s.journalSet = 0;
 }
 
-// One worker process: random operations until told to stop or killed.
-int Worker(int slot, uint32_t seed) {
+// One worker thread: random operations until told to stop or killed.
+void WorkerThread(int slot, uint32_t seed) {
   std::mt19937 rng(seed);
   auto pick = [&rng](int n) { return static_cast<int>(rng() % static_cast<uint32_t>(n)); };
   std::unique_ptr<CPMutex> mutexes[kMutexes];
@@ -145,8 +221,9 @@ int Worker(int slot, uint32_t seed) {
           const int i = pick(kMutexes);
           if (!mutexes[i]) mutexes[i].reset(new CPMutex(1, 0, MutexName(i), 0, 0));
           if (mutexes[i]->wait(static_cast<unsigned long>(pick(20)), nullptr) == 0) {
+            Enter(i);
             if (pick(4) == 0) ::usleep(static_cast<useconds_t>(pick(500)));
-            mutexes[i]->release();
+            Release(mutexes[i].get(), i, slot);
           }
           break;
         }
@@ -197,8 +274,9 @@ int Worker(int slot, uint32_t seed) {
           if (!counterMemory) counterMemory.reset(new CPSharedMemory(kCounterSegment, sizeof(CounterBlock)));
           if (!counterMutex) counterMutex.reset(new CPMutex(1, 0, kCounterMutex, 0, 0));
           if (counterMutex->wait(50, nullptr) == 0) {
+            Enter(0);
             Increment(static_cast<CounterBlock*>(counterMemory->getAddress()), slot);
-            counterMutex->release();
+            Release(counterMutex.get(), 0, slot);
             Bump(&g_stats->increments[slot]);
           }
           if (pick(8) == 0) {  // let go now and then
@@ -213,6 +291,15 @@ int Worker(int slot, uint32_t seed) {
       Bump(&g_stats->failures[slot]);
     }
   }
+}
+
+// One worker process: kThreadsPerWorker threads of random operations.
+int Worker(int slot, uint32_t seed) {
+  std::vector<std::thread> threads;
+  for (int t = 1; t < kThreadsPerWorker; ++t)
+    threads.emplace_back(WorkerThread, slot, seed + 104729u * static_cast<uint32_t>(t));
+  WorkerThread(slot, seed);
+  for (std::thread& t : threads) t.join();
   return 0;
 }
 
@@ -222,6 +309,7 @@ int Auditor() {
   CPSharedMemory memory(kCounterSegment, sizeof(CounterBlock));
   CPMutex mutex(1, 0, kCounterMutex, 0, 0);
   if (mutex.wait(5000, nullptr) != 0) return 3;
+  Enter(0);
   CounterBlock* block = static_cast<CounterBlock*>(memory.getAddress());
   RollForward(block);
   uint32_t sum = 0;
@@ -230,6 +318,7 @@ int Auditor() {
   g_stats->auditSum = sum;
   g_stats->auditRolled = block->rolledForward;
   g_stats->auditDone = 1;
+  Leave(0);
   mutex.release();
   return 0;
 }
@@ -266,6 +355,25 @@ int Reap(pid_t pid, int timeoutMs) {
     return -1;
   }
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// Records pid as killed, before the SIGKILL is sent: a thread that then
+// finds it in an occupancy word knows the mutex was abandoned.
+void RecordKill(uint32_t pid) {
+  const uint32_t n = g_stats->killCount;
+  g_stats->killedPid[n % kKillRing] = pid;
+  g_stats->killedAtUs[n % kKillRing] = NowUs();
+  __atomic_store_n(&g_stats->killCount, n + 1, __ATOMIC_RELEASE);
+}
+
+// A worker slot that is inside a mutex release, watched for up to 20 ms;
+// `fallback` when none was seen.
+int WorkerInRelease(int fallback) {
+  const uint64_t end = NowUs() + 20000;
+  while (NowUs() < end)
+    for (int slot = 0; slot < kWorkers; ++slot)
+      if (__atomic_load_n(&g_stats->inRelease[slot], __ATOMIC_SEQ_CST) != 0) return slot;
+  return fallback;
 }
 
 struct Totals {
@@ -353,8 +461,9 @@ int main(int argc, char** argv) {
   g_stats = static_cast<Stats*>(shared);
   std::memset(g_stats, 0, sizeof(Stats));
 
-  std::printf("ambit-torture: %d workers, %d s, seed %u, rounds of %d ms, in a private namespace\n",
-              kWorkers, seconds, seed, kRoundMs);
+  std::printf("ambit-torture: %d workers of %d threads, %d s, seed %u, rounds of %d ms, in a "
+              "private namespace\n",
+              kWorkers, kThreadsPerWorker, seconds, seed, kRoundMs);
   std::mt19937 rng(seed);
   uint32_t serial = 0;
   pid_t workers[kWorkers];
@@ -366,6 +475,7 @@ int main(int argc, char** argv) {
 
   Totals t;
   uint32_t counter = 0, sum = 0, rolled = 0;
+  uint32_t reportedBroken = 0;
   using Clock = std::chrono::steady_clock;
   const auto begin = Clock::now();
   const auto finish = begin + std::chrono::seconds(seconds);
@@ -376,10 +486,13 @@ int main(int argc, char** argv) {
     int killed = 0;
     for (int k = 0; k < kills; ++k) {
       ::usleep(static_cast<useconds_t>(1000 * (rng() % (kRoundMs / kills))));
-      const int slot = static_cast<int>(rng() % kWorkers);
+      int slot = static_cast<int>(rng() % kWorkers);
+      if (rng() % 3 == 0) slot = WorkerInRelease(slot);
+      RecordKill(static_cast<uint32_t>(workers[slot]));
       ::kill(workers[slot], SIGKILL);
       const int code = Reap(workers[slot], 5000);
       if (code != 128 + SIGKILL) ++t.unexpectedExits;
+      g_stats->inRelease[slot] = 0;
       ++killed;
       start(slot);
     }
@@ -397,9 +510,11 @@ int main(int argc, char** argv) {
     int v = InspectorViolations({"--clean", "--check"}, &t.reclaimed);
     v += Audit(&counter, &sum, &rolled);
     t.violations += v;
+    const uint32_t broken = g_stats->exclusionViolations;
     std::printf("round %d: %d killed, %llu operations so far, counter %u = completed %u%s\n",
                 t.rounds, killed, static_cast<unsigned long long>(Sum(g_stats->ops)), counter, sum,
-                v == 0 ? "" : ", VIOLATIONS");
+                v == 0 && broken == reportedBroken ? "" : ", VIOLATIONS");
+    reportedBroken = broken;
   }
 
   // Let the workers go, then everything they had must be gone or clean.
@@ -422,6 +537,11 @@ int main(int argc, char** argv) {
               counter, sum, rolled);
   std::printf("items reclaimed by cleanup: %d\n", t.reclaimed);
   std::printf("unexpected worker exits: %d\n", t.unexpectedExits);
+  std::printf("abandoned mutexes taken over: %u (longest from the kill to the next owner: %.1f ms)\n",
+              g_stats->abandonments, static_cast<double>(g_stats->longestAfterKillUs) / 1000.0);
+  std::printf("exclusion violations (acquired while a live process was inside): %u\n",
+              g_stats->exclusionViolations);
+  t.violations += static_cast<int>(g_stats->exclusionViolations);
   std::printf("violations: %d\n", t.violations);
   const bool ok = t.violations == 0 && t.unexpectedExits == 0 && counter == sum;
   if (!ok) std::printf("torture: FAILED\n");

@@ -1,0 +1,3 @@
+#include "portable/test_point.h"
+
+void (*g_testPointHook)(TestPoint point) = nullptr;
