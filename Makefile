@@ -16,7 +16,7 @@ TEST_JOBS ?= $(shell echo $$(( $$(nproc) * 2 )))
 CMAKE_CONFIGURE = cmake -G Ninja -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/i386-toolchain.cmake
 CTEST = ctest --output-on-failure --timeout 300 -j $(TEST_JOBS)
 
-.PHONY: all deps build test demo torture asan bench bench-report fuzz clean
+.PHONY: all deps bench-deps build test demo torture asan bench bench-report fuzz clean
 
 all: build
 
@@ -49,10 +49,13 @@ asan: deps $(ASAN_DIR)/build.ninja
 	cd $(ASAN_DIR) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 $(CTEST)
 
-$(BENCH_DIR)/build.ninja:
+$(BENCH_DIR)/build.ninja: | bench-deps
 	$(CMAKE_CONFIGURE) -S . -B $(BENCH_DIR) -DCMAKE_BUILD_TYPE=Release -DAMBIT_BENCH=ON -DAMBIT_TESTS=OFF
 
-bench: deps $(BENCH_DIR)/build.ninja
+bench-deps:
+	@bash scripts/deps.sh bench
+
+bench: bench-deps $(BENCH_DIR)/build.ninja
 	cmake --build $(BENCH_DIR) -j $(JOBS)
 	@for b in $(BENCH_DIR)/bench/ambit_bench_*; do \
 	  echo "== $$b"; $$b --benchmark_min_time=0.2 --benchmark_repetitions=5 --benchmark_report_aggregates_only=true || exit 1; \
@@ -71,7 +74,7 @@ fuzz: deps $(FUZZ_DIR)/build.ninja
 	  -print_final_stats=1 -artifact_prefix=$(FUZZ_DIR)/ $(FUZZ_DIR)/corpus fuzz/corpus
 
 # One table of every ratio the benchmarks measure, with the goals.
-bench-report: deps $(BENCH_DIR)/build.ninja
+bench-report: bench-deps $(BENCH_DIR)/build.ninja
 	cmake --build $(BENCH_DIR) -j $(JOBS)
 	python3 scripts/bench_report.py $(BENCH_DIR)/bench bench/RESULTS.md
 

@@ -25,6 +25,16 @@ std::vector<Ratio>& Ratios() {
   return ratios;
 }
 
+struct Figure {
+  double value;
+  std::string unit;
+};
+
+std::map<std::string, Figure>& Figures() {
+  static std::map<std::string, Figure> figures;
+  return figures;
+}
+
 // Console output as usual, plus the CPU time per iteration of each run,
 // keyed by benchmark name (the median row when repetitions aggregate).
 class RecordingReporter : public benchmark::ConsoleReporter {
@@ -50,6 +60,10 @@ class RecordingReporter : public benchmark::ConsoleReporter {
 };
 
 }  // namespace
+
+void ReportFigure(const std::string& label, double value, const char* unit) {
+  Figures()[label] = {value, unit};
+}
 
 RatioRegistrar::RatioRegistrar(const char* label, const char* measured,
                                const char* baseline, bool realTime) {
@@ -79,6 +93,9 @@ int ambit_bench::RunWithRatios(int argc, char** argv) {
     std::printf("  %-60s %6.2fx %s\n", r.label.c_str(), measured / baseline,
                 r.realTime ? "wall" : "CPU");
   }
+  if (!ambit_bench::Figures().empty()) std::printf("\nFigures (measured, not ratios):\n");
+  for (const auto& f : ambit_bench::Figures())
+    std::printf("  %-60s %10.2f %s\n", f.first.c_str(), f.second.value, f.second.unit.c_str());
   benchmark::Shutdown();
   return 0;
 }

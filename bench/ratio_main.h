@@ -7,6 +7,8 @@
 // same run (medians when --benchmark_repetitions is given). Link the program
 // with ambit_bench_main instead of defining BENCHMARK_MAIN().
 
+#include <string>
+
 namespace ambit_bench {
 
 struct RatioRegistrar {
@@ -15,6 +17,11 @@ struct RatioRegistrar {
   RatioRegistrar(const char* label, const char* measured, const char* baseline,
                  bool realTime = false);
 };
+
+// Records a figure that is not a ratio (a latency, say), printed after the
+// ratios under "Figures": label, value and unit. Later reports of the same
+// label replace earlier ones.
+void ReportFigure(const std::string& label, double value, const char* unit);
 
 // Runs the benchmarks selected on the command line and prints the ratios.
 // The library's main() calls it; a program with its own main() (to set

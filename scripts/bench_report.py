@@ -23,15 +23,29 @@ GOALS = [
     (r"ambit / iconv", "< 1.00x (ahead of iconv)", 0.999),
     (r"SystemTimeToTzSpecificLocalTime / setenv", "<= 0.10x (10x faster)", 0.10),
     (r"SystemTimeToTzSpecificLocalTime / plain localtime_r", "<= 1.50x", 1.50),
-    (r"unnamed CPEvent ping-pong / raw", "<= 1.20x", 1.20),
-    (r"named CPEvent ping-pong / raw shared", "<= 2.00x", 2.00),
+    (r"unnamed CPEvent ping-pong / raw", "<= 1.00x", 1.00),
+    (r"named CPEvent ping-pong / raw shared", "<= 1.00x", 1.00),
+    (r"named CPEvent ping-pong / named semaphores", "<= 1.50x", 1.50),
+    (r"named CPSemaphore ping-pong / POSIX named semaphores", "<= 1.20x", 1.20),
+    (r"named CPMutex wait\+release / Boost named_mutex \(uncontended\)", "<= 10x", 10.0),
+    (r"named CPMutex / Boost named_mutex \(two processes, one CPU\)", "<= 2.00x", 2.00),
+    (r"recursive named CPMutex / named CPMutex", "<= 1.50x", 1.50),
 ]
+
+# Goals for the figures that are not ratios: (regular expression, goal
+# text, largest value that meets it).
+FIGURE_GOALS = [
+    (r"owner SIGKILL to waiter acquisition, median", "<= 5 ms", 5.0),
+    (r"owner SIGKILL to waiter acquisition, maximum", "<= 20 ms", 20.0),
+]
+
+FIGURE_LINE = re.compile(r"^\s{2}(?P<label>.+?)\s+(?P<value>[0-9.]+) (?P<unit>\S.*?)\s*$")
 
 RATIO_LINE = re.compile(r"^\s{2}(?P<label>.+?)\s+(?P<ratio>[0-9.]+)x(?:\s+(?P<kind>CPU|wall))?\s*$")
 
 
-def goal_for(label):
-    for pattern, text, limit in GOALS:
+def goal_for(label, goals=GOALS):
+    for pattern, text, limit in goals:
         if re.search(pattern, label):
             return text, limit
     return "(reported)", None
@@ -42,15 +56,25 @@ def run(program):
            "--benchmark_report_aggregates_only=true"]
     out = subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                          text=True, timeout=1800).stdout
-    rows, in_ratios = [], False
+    rows, figures, section = [], [], None
     for line in out.splitlines():
         if line.startswith("Ratios"):
-            in_ratios = True
+            section = "ratios"
             continue
-        m = RATIO_LINE.match(line) if in_ratios else None
-        if m:
-            rows.append((m.group("label").strip(), float(m.group("ratio")), m.group("kind") or "CPU"))
-    return rows
+        if line.startswith("Figures"):
+            section = "figures"
+            continue
+        if section == "ratios":
+            m = RATIO_LINE.match(line)
+            if m:
+                rows.append((m.group("label").strip(), float(m.group("ratio")),
+                             m.group("kind") or "CPU"))
+        elif section == "figures":
+            m = FIGURE_LINE.match(line)
+            if m:
+                figures.append((m.group("label").strip(), float(m.group("value")),
+                                m.group("unit")))
+    return rows, figures
 
 
 def main():
@@ -67,13 +91,23 @@ def main():
         "| program | ratio | goal | measured | met |",
         "|---|---|---|---|---|",
     ]
+    all_figures = []
     for program in programs:
         name = os.path.basename(program)[len("ambit_bench_"):]
         print("running", name, flush=True)
-        for label, ratio, kind in run(program):
+        rows, figures = run(program)
+        for label, ratio, kind in rows:
             text, limit = goal_for(label)
             met = "-" if limit is None else ("yes" if ratio <= limit else "no")
             lines.append("| %s | %s | %s | %.2fx %s | %s |" % (name, label, text, ratio, kind, met))
+        all_figures += [(name,) + f for f in figures]
+    if all_figures:
+        lines += ["", "Figures that are not ratios:", "",
+                  "| program | figure | goal | measured | met |", "|---|---|---|---|---|"]
+        for name, label, value, unit in all_figures:
+            text, limit = goal_for(label, FIGURE_GOALS)
+            met = "-" if limit is None else ("yes" if value <= limit else "no")
+            lines.append("| %s | %s | %s | %.2f %s | %s |" % (name, label, text, value, unit, met))
     with open(output, "w") as f:
         f.write("\n".join(lines) + "\n")
     print("wrote", output)

@@ -2,6 +2,9 @@
 # Installs, through apt, the Debian packages that building and testing the
 # library need. Idempotent: prints nothing and touches nothing when every
 # package is already installed.
+#
+#   deps.sh          what the build, the tests and the fuzz target need
+#   deps.sh bench    that, plus the benchmarks' own baselines
 set -u
 
 # Packages for the i386 build and the tests.
@@ -9,6 +12,11 @@ core=(g++-multilib procps tzdata util-linux file pkg-config)
 # For the benchmarks (the i386 Google Benchmark beside the amd64 one) and the
 # fuzz target (clang with its libFuzzer runtime).
 extra=(libbenchmark-dev:i386 clang libclang-rt-14-dev)
+# Baselines that only the benchmarks compile against (Boost.Interprocess is
+# header-only); never a dependency of the library or its tests.
+if [ "${1:-}" = "bench" ]; then
+  extra+=(libboost-dev)
+fi
 
 missing() {
   local p

@@ -137,8 +137,12 @@ unsigned long CPMutexImpl::wait(unsigned long timeoutMs) {
   }
 
   AtTestPoint(TestPoint::MutexLocked);
+  // From here until the release clears it, only this owner writes the
+  // holder word (recovery changes it only from a dead pid), so plain
+  // stores that other processes see in order are enough.
   const int self = OwnProcessId();
-  const int previous = __atomic_exchange_n(m_pPid, self, __ATOMIC_SEQ_CST);
+  const int previous = abandoned ? __atomic_load_n(m_pPid, __ATOMIC_ACQUIRE) : 0;
+  __atomic_store_n(m_pPid, self, __ATOMIC_RELEASE);
   __atomic_sub_fetch(m_pWaiters, 1, __ATOMIC_SEQ_CST);
   AtTestPoint(TestPoint::MutexMarked);
   if (abandoned && m_allowTrace && g_pambittracing)
@@ -182,8 +186,9 @@ unsigned long CPMutexImpl::release() {
 
 void CPMutexImpl::clearHolderMark() {
   AtTestPoint(TestPoint::ReleaseBeforeClear);
-  int self = OwnProcessId();
-  __atomic_compare_exchange_n(m_pPid, &self, 0, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+  // The owner is the only writer of the word while it holds the mutex.
+  if (__atomic_load_n(m_pPid, __ATOMIC_RELAXED) == OwnProcessId())
+    __atomic_store_n(m_pPid, 0, __ATOMIC_RELEASE);
   AtTestPoint(TestPoint::ReleaseAfterClear);
 }
 
