@@ -43,7 +43,7 @@ class CNameMap {
 
   // The object area of an event.
   struct SCONDVAR {
-    pthread_cond_t cond;    // its first word is the wake sequence (a futex)
+    pthread_cond_t cond;    // word 0: the wake sequence (a futex); word 1: sleepers
     pthread_mutex_t mutex;  // recursive, robust, process-shared
     uint32_t s_lVal;        // 0xF0000000 = not signalled
   };

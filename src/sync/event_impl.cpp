@@ -23,14 +23,17 @@ constexpr unsigned long kReset = 0xF0000000UL;
 // The mutex of a named event is robust: when a process dies holding it (in
 // the middle of a wake or a wait), the next locker gets it with EOWNERDEAD
 // and makes it consistent again. The value word it guards is a single word
-// and is never seen half written.
-int LockEventMutex(pthread_mutex_t* m) {
+// and is never seen half written. An unnamed event's mutex is private to
+// the process and locked plainly.
+int LockEventMutex(pthread_mutex_t* m, bool named) {
+  if (!named) return pthread_mutex_lock(m);
   bool abandoned;
   return LockRobustMutex(m, nullptr, &abandoned);
 }
 
 // Named events block on a futex word (the first word of the entry's
-// condition area) that every wake advances, not on the process-shared
+// condition area; the second counts the waiters asleep on it) that every
+// wake advances, not on the process-shared
 // condition variable: a waiter killed inside pthread_cond_wait keeps a
 // reference to its group of the condition, and the next signal that has to
 // switch groups then waits for that reference forever, holding the event's
@@ -100,18 +103,24 @@ CPEventImpl::~CPEventImpl() {
 }
 
 long CPEventImpl::wake(long bits) {
-  LockEventMutex(m_pMutex);
+  LockEventMutex(m_pMutex, m_pNameInfo != nullptr);
   if (*m_pValue == kReset)
     *m_pValue = static_cast<unsigned long>(bits);
   else
     *m_pValue |= static_cast<unsigned long>(bits);
-  if (m_pSeq != nullptr) {
-    __atomic_add_fetch(m_pSeq, 1, __ATOMIC_SEQ_CST);
-    Futex(m_pSeq, FUTEX_WAKE, 1, nullptr);  // one waiter per wake
-  } else {
+  if (m_pSeq == nullptr) {
     pthread_cond_signal(m_pCond);
+    return pthread_mutex_unlock(m_pMutex);
   }
-  return pthread_mutex_unlock(m_pMutex);
+  // The sequence moves under the mutex, so a waiter that read it before
+  // this wake either sleeps on the old value (and is woken below) or sees
+  // the new one and does not sleep. The waiter is woken after the mutex is
+  // let go: woken while it is held, it would only block again on it.
+  __atomic_add_fetch(m_pSeq, 1, __ATOMIC_SEQ_CST);
+  const bool sleeping = __atomic_load_n(m_pSeq + 1, __ATOMIC_SEQ_CST) != 0;
+  const int r = pthread_mutex_unlock(m_pMutex);
+  if (sleeping) Futex(m_pSeq, FUTEX_WAKE, 1, nullptr);  // one waiter per wake
+  return r;
 }
 
 int CPEventImpl::waitNamed(unsigned long timeoutMs) {
@@ -128,10 +137,16 @@ int CPEventImpl::waitNamed(unsigned long timeoutMs) {
     const bool forever = timeoutMs == 0xFFFFFFFFUL;
     if (!forever && !TimeLeft(deadline, &left)) return ETIMEDOUT;
     const uint32_t seen = __atomic_load_n(m_pSeq, __ATOMIC_SEQ_CST);
+    // Counted as sleeping under the mutex, so that a wake (which reads the
+    // count under the mutex) makes its system call only when someone may
+    // be asleep. A waiter killed while counted leaves the count raised:
+    // wakes then always call, as if it still slept.
+    __atomic_add_fetch(m_pSeq + 1, 1, __ATOMIC_SEQ_CST);
     pthread_mutex_unlock(m_pMutex);
     const long r = Futex(m_pSeq, FUTEX_WAIT, seen, forever ? nullptr : &left);
     const int err = r == 0 ? 0 : errno;
-    LockEventMutex(m_pMutex);
+    LockEventMutex(m_pMutex, m_pNameInfo != nullptr);
+    __atomic_sub_fetch(m_pSeq + 1, 1, __ATOMIC_SEQ_CST);
     if (err == 0) return 0;  // woken (perhaps without a wake: the caller sees 0)
     if (err == ETIMEDOUT) return ETIMEDOUT;
     if (err != EAGAIN && err != EINTR) return err;
@@ -141,7 +156,7 @@ int CPEventImpl::waitNamed(unsigned long timeoutMs) {
 }
 
 unsigned long CPEventImpl::wait(unsigned long timeoutMs) {
-  LockEventMutex(m_pMutex);
+  LockEventMutex(m_pMutex, m_pNameInfo != nullptr);
   // The waiter mark is a single word of bookkeeping for crash recovery and
   // the inspector: written atomically, without the name map's lock.
   const int self = OwnProcessId();

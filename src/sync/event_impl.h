@@ -41,7 +41,8 @@ class CPEventImpl {
   unsigned long* m_pValue;
   pthread_cond_t* m_pCond;
   pthread_mutex_t* m_pMutex;
-  uint32_t* m_pSeq;  // a named event's wake sequence (futex word), else null
+  uint32_t* m_pSeq;  // a named event's wake sequence (futex word), then its
+                     // count of sleeping waiters; null when unnamed
   int m_trace;
 };
 
