@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <map>
 #include <string>
 
@@ -129,7 +130,10 @@ void CNameMap::checkForObsoleteEntries() {
         pthread_mutex_destroy(&e.object.condvar.mutex);
         break;
     }
-    ::unlink((std::string(kLockFilePrefix) + e.szName).c_str());
+    // An object may carry the name of one of the registries' own lock
+    // files; that file is not the object's and stays.
+    if (std::strcmp(e.szName, "CShareMemMap") != 0 && std::strcmp(e.szName, "CNameMap") != 0)
+      ::unlink((std::string(kLockFilePrefix) + e.szName).c_str());
     e.szName[0] = '\0';
   }
 

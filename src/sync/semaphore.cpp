@@ -76,15 +76,18 @@ unsigned long CPSemaphoreImpl::wait(unsigned long timeoutMs) {
   }
   // The taker mark is a single word of bookkeeping for crash recovery and
   // the inspector: written atomically, without the name map's lock.
-  if (m_pNameInfo != nullptr) __atomic_store_n(m_pPid, OwnProcessId(), __ATOMIC_SEQ_CST);
+  if (m_pNameInfo != nullptr) __atomic_store_n(m_pPid, OwnProcessId(), __ATOMIC_RELEASE);
   return 0;
 }
 
 void CPSemaphoreImpl::release() {
   sem_post(m_pSem);
   if (m_pNameInfo != nullptr) {
+    // Looked at first: when another process took the last unit (the usual
+    // case between two processes), the word is only read, not claimed.
     int self = OwnProcessId();
-    __atomic_compare_exchange_n(m_pPid, &self, 0, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+    if (__atomic_load_n(m_pPid, __ATOMIC_RELAXED) == self)
+      __atomic_compare_exchange_n(m_pPid, &self, 0, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
   }
 }
 

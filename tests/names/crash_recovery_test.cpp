@@ -160,6 +160,34 @@ TEST_F(CrashRecoveryTest, DeadUserThatNeitherHeldNorAwaitedTheMutexLeavesItAlone
   pthread_mutex_unlock(&e->object.mutex);
 }
 
+// An object named like one of the registries' own lock files: when its
+// last user dies, the entry is freed but the registry's lock file stays.
+TEST_F(CrashRecoveryTest, AnObjectNamedLikeARegistryLockLeavesThatLockFileInPlace) {
+  Handshake go, ready;
+  Lifeline lifeline;
+  auto last = Spawn([&] {
+    if (!go.WaitFor(10000)) return 2;
+    if (Named("CNameMap", CNameMap::Condvar) == nullptr) return 3;
+    if (Named("CShareMemMap", CNameMap::Mutex) == nullptr) return 4;
+    ready.Signal();
+    lifeline.WaitForRelease(30000);
+    return 0;
+  });
+  ASSERT_TRUE(last->Started());
+  ASSERT_NE(nullptr, Named("keep", CNameMap::Condvar));
+  go.Signal();
+  ASSERT_TRUE(ready.WaitFor(10000));
+  ASSERT_TRUE(FileExists("/tmp/Ambit-ipclock-CNameMap"));
+  ASSERT_TRUE(FileExists("/tmp/Ambit-ipclock-CShareMemMap"));
+  last->Kill();
+  ASSERT_EQ(kKilled, last->Join(5000));
+  RunRecoveryPass();
+  EXPECT_EQ(nullptr, Named("CNameMap", CNameMap::Condvar, CNameMap::OpenOnly));
+  EXPECT_EQ(nullptr, Named("CShareMemMap", CNameMap::Mutex, CNameMap::OpenOnly));
+  EXPECT_TRUE(FileExists("/tmp/Ambit-ipclock-CNameMap"));
+  EXPECT_TRUE(FileExists("/tmp/Ambit-ipclock-CShareMemMap"));
+}
+
 TEST_F(CrashRecoveryTest, LastUsersDeathFreesItsEntriesRemovesTheirLockFilesAndShrinksTheTable) {
   LogCapture log(2);
   RecordingHook hook;
