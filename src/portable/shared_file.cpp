@@ -18,14 +18,15 @@ int OpenRetryingEintr(const char* path, int flags, mode_t mode) {
 }  // namespace
 
 int OpenSharedFile(const char* path, int access, mode_t createMode) {
-  const int flags = access | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  const bool create = (access & O_CREAT) != 0;
+  const int flags = (access & ~O_CREAT) | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
   int fd = -1;
   // Open what is there; create it only when nothing is, exclusively, so
   // that the file opened is always the one found or the one made. Another
   // process may create or remove it in between: try again a few times.
   for (int attempt = 0; attempt < 8 && fd < 0; ++attempt) {
     fd = OpenRetryingEintr(path, flags, 0);
-    if (fd >= 0 || errno != ENOENT) break;
+    if (fd >= 0 || errno != ENOENT || !create) break;
     fd = OpenRetryingEintr(path, flags | O_CREAT | O_EXCL, createMode);
     if (fd < 0 && errno != EEXIST) break;
   }

@@ -10,10 +10,11 @@
 // - a FIFO never blocks the open (O_NONBLOCK; a write-only open of one
 //   without a reader fails with ENXIO), and anything that is not a regular
 //   file is refused (EISDIR for a directory, EINVAL otherwise);
-// - the file is created with `createMode` (less the umask) when missing,
-//   and never truncated here;
+// - with O_CREAT in `access`, the file is created with `createMode` (less
+//   the umask) when missing; it is never truncated here;
 // - the descriptor is not inherited by programs this process starts.
-// `access` is O_RDONLY, O_WRONLY or O_RDWR, optionally with O_APPEND.
+// `access` is O_RDONLY, O_WRONLY or O_RDWR, optionally with O_APPEND and
+// O_CREAT.
 // Returns the descriptor, or -1 with errno set. A mode that must hold
 // whatever the umask is given with fchmod on the descriptor by the caller.
 int OpenSharedFile(const char* path, int access, mode_t createMode);

@@ -19,7 +19,7 @@ constexpr mode_t kLockFileMode = 0777;  // other users' processes open it too
 // Opens the lock file (created when missing, never truncated) and gives it
 // its mode through the descriptor. A file of another user keeps its mode.
 int OpenLockFile(const std::string& path) {
-  const int fd = OpenSharedFile(path.c_str(), O_WRONLY, kLockFileMode);
+  const int fd = OpenSharedFile(path.c_str(), O_WRONLY | O_CREAT, kLockFileMode);
   if (fd >= 0) ::fchmod(fd, kLockFileMode);
   return fd;
 }

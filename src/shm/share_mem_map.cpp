@@ -180,7 +180,7 @@ void CShareMemMap::initialize() {
   // segment with its fixed key may not be.
   // Through a descriptor that follows no symlink: a link planted at the
   // path must not make this process truncate and write another file.
-  const int fd = OpenSharedFile(kCreateTimeFile, O_WRONLY, 0666);
+  const int fd = OpenSharedFile(kCreateTimeFile, O_WRONLY | O_CREAT, 0666);
   if (fd >= 0) {
     const size_t room = sizeof info->szCreateTimeUtc;
     if (::ftruncate(fd, 0) != 0 || !WriteAll(fd, info->szCreateTimeUtc, room))

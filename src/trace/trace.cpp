@@ -107,7 +107,7 @@ void AmbitTrace::openTraceFile() {
   // the day's name must not make this process append to, or change the
   // mode of, the file it points to. The mode goes to the file opened,
   // through its descriptor, and only when the open worked.
-  const int fd = OpenSharedFile(path, O_RDWR | O_APPEND, kLogFileMode);
+  const int fd = OpenSharedFile(path, O_RDWR | O_APPEND | O_CREAT, kLogFileMode);
   if (fd < 0) return;
   ::fchmod(fd, kLogFileMode);
   file = ::fdopen(fd, "a+");
