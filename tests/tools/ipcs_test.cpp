@@ -219,6 +219,7 @@ class NameMapView {
   bool Attached() const { return m_p != nullptr; }
 
   uint32_t* U32(size_t offset) { return reinterpret_cast<uint32_t*>(m_p + offset); }
+  unsigned char* Bytes() { return m_p; }
   static size_t EntryAt(int i) { return kMapEntriesAt + kMapEntryBytes * static_cast<size_t>(i); }
   char* Name(int i) { return reinterpret_cast<char*>(m_p + EntryAt(i)); }
   int Find(const std::string& name) {
@@ -549,6 +550,67 @@ TEST_F(IpcsTest, CheckNamesEveryViolationAtOnce) {
   ExpectViolation(r, "missing-segment", "\"ipcs-segment-a\"");
   ExpectViolation(r, "orphan-segment", "key 47065 ");
   EXPECT_NE("", LineWith(r.output, {"check: 4 violations"})) << r.output;
+}
+
+TEST_F(IpcsTest, DamagedTablesAreReportedAsViolationsAndNeverCrashTheInspector) {
+  BuildRegistry(false);
+  RegistryView registry(true);
+  NameMapView map;
+  ASSERT_TRUE(registry.Attached());
+  ASSERT_TRUE(map.Attached());
+  // The keeper still uses both tables: they are put back before it goes.
+  const std::string savedRegistry(reinterpret_cast<char*>(registry.Bytes()), shm_test::kRegistryBytes);
+  const size_t mapBytes = kMapEntriesAt + kMapEntryBytes * kMapEntries;
+  const std::string savedMap(reinterpret_cast<char*>(map.Bytes()), mapBytes);
+
+  // Registry: a creator program and the last entry's name without their
+  // terminating 0, pid slots full of junk.
+  std::memset(registry.Bytes() + 8, 'P', 16);
+  const int last = shm_test::kEntries - 1;
+  std::memset(registry.Bytes() + RegistryView::EntryAt(last), 0xEE, 256);
+  const int segment = registry.Find("ipcs-segment-b");
+  ASSERT_GE(segment, 0);
+  for (int slot = 0; slot < shm_test::kSlots; ++slot)
+    reinterpret_cast<uint32_t*>(registry.Bytes() + RegistryView::EntryAt(segment) + 268)[slot] =
+        0xFFFFFFFFu - static_cast<uint32_t>(slot);
+  // Name map: counts and indexes out of range, a name without its 0, a
+  // type that does not exist, junk pids.
+  *map.U32(8) = 0x7FFFFFFF;                 // dwMaxEntries
+  *map.U32(kMapHighestEntry) = 0xFFFFFFF0;  // far beyond 512 entries
+  const int event = map.Find("ipcs-event");
+  const int semaphore = map.Find("ipcs-semaphore");
+  ASSERT_GE(event, 0);
+  ASSERT_GE(semaphore, 0);
+  std::memset(map.Name(event), 0xAB, 256);
+  *map.U32(NameMapView::EntryAt(semaphore) + kMapNameType) = 77;
+  *map.U32(NameMapView::EntryAt(semaphore) + kMapPids) = 0x80000000u;
+
+  const ChildResult table = Ipcs({});
+  EXPECT_EQ(0, table.exitCode) << table.output;
+  const ChildResult json = Ipcs({"--json"});
+  EXPECT_EQ(0, json.exitCode) << json.output;
+  const ChildResult check = Ipcs({"--check"});
+  ExpectViolation(check, "unterminated-text", "registry creator program has no terminating 0");
+  ExpectViolation(check, "unterminated-name",
+                  "registry entry " + std::to_string(last) + " has a name without a terminating 0");
+  ExpectViolation(check, "bad-pid",
+                  "registry entry " + std::to_string(segment) + " pid slot 0 holds 0xFFFFFFFF");
+  ExpectViolation(check, "bad-header", "name map dwMaxEntries is 2147483647");
+  ExpectViolation(check, "index-out-of-range", "name map dwHighestEntry 4294967280");
+  ExpectViolation(check, "unterminated-name",
+                  "name map entry " + std::to_string(event) + " has a name without a terminating 0: \"\\xAB");
+  ExpectViolation(check, "bad-type", "name map entry " + std::to_string(semaphore) + " has type 77");
+  ExpectViolation(check, "bad-pid", "name map entry " + std::to_string(semaphore) +
+                                        " pid slot 0 holds 0x80000000");
+  // The library's cleanup passes trust the tables: they are not run.
+  const ChildResult clean = Ipcs({"--clean", "--check"});
+  EXPECT_EQ(1, clean.exitCode) << clean.output;
+  EXPECT_NE("", LineWith(clean.output, {"clean: refused: the tables are damaged"})) << clean.output;
+  EXPECT_NE("", LineWith(clean.output, {"violation: index-out-of-range"})) << clean.output;
+
+  std::memcpy(registry.Bytes(), savedRegistry.data(), savedRegistry.size());
+  std::memcpy(map.Bytes(), savedMap.data(), savedMap.size());
+  EXPECT_EQ(0, Ipcs({"--check"}).exitCode);
 }
 
 }  // namespace

@@ -268,9 +268,17 @@ int main(int argc, char** argv) {
     std::printf(json ? "{\"registry\": null, \"nameMap\": null}\n" : "no registry on this machine\n");
     return 0;
   }
+  bool refused = false;
   if (clean) {
-    Clean(*snapshot);
-    TakeSnapshot(snapshot.get(), true);
+    // The library's cleanup passes trust the tables' indexes and names:
+    // never run them over damaged bytes.
+    refused = TablesDamaged(*snapshot);
+    if (refused) {
+      std::printf("clean: refused: the tables are damaged (see --check)\n");
+    } else {
+      Clean(*snapshot);
+      TakeSnapshot(snapshot.get(), true);
+    }
   }
   if (check) {
     const std::vector<Violation> violations = CheckInvariants(*snapshot, clean);
@@ -279,6 +287,7 @@ int main(int argc, char** argv) {
     std::printf("check: %zu violation%s\n", violations.size(), violations.size() == 1 ? "" : "s");
     return violations.empty() ? 0 : 1;
   }
+  if (refused) return 1;
   if (!clean) {
     if (json)
       PrintJson(*snapshot);
