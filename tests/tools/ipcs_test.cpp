@@ -732,4 +732,15 @@ TEST(IpcsLimitsTest, AName256CharactersLongFailsAndTheTablesStayConsistent) {
   ExpectCheckPasses({"--clean", "--check"});
 }
 
+TEST(IpcsHelpTest, HelpSaysHowToRemoveARegistrySafely) {
+  const ChildResult r = Ipcs({"--help"});
+  EXPECT_EQ(0, r.exitCode) << r.output;
+  EXPECT_NE("", LineWith(r.output, {"Removing a registry safely"})) << r.output;
+  EXPECT_NE("", LineWith(r.output, {"every pid this listing shows"})) << r.output;
+  EXPECT_NE("", LineWith(r.output, {"keys 46066 to 47089"})) << r.output;
+  EXPECT_NE("", LineWith(r.output, {"ipcrm -M 46065"})) << r.output;
+  EXPECT_NE("", LineWith(r.output, {"/tmp/ShareMemCreateTime-16AC6AB6-4CA6-4813-A086-53E43B469FF8"}))
+      << r.output;
+}
+
 }  // namespace
