@@ -92,6 +92,12 @@ void CInterprocessLock::renewAfterFork() {
 void CInterprocessLock::lock() {
   pthread_mutex_lock(&m_mutex);
   if (m_count == 0) {
+    // A child whose reopen after fork() failed tries again here, so that
+    // it never goes on without the flock while the file can be had.
+    if (m_fd < 0) m_fd = OpenLockFile(m_name);
+    if (m_fd < 0)
+      AMBIT_TRACE_ERROR("(Error) CInterprocessLock::lock - open \"%s\" failed %d\n",
+                        m_name.c_str(), errno);
     while (::flock(m_fd, LOCK_EX) != 0 && errno == EINTR) {
     }
   }
