@@ -15,6 +15,7 @@ namespace {
 
 const char kLockFilePrefix[] = "/tmp/Ambit-ipclock-";
 constexpr mode_t kLockFileMode = 0777;  // other users' processes open it too
+constexpr int kMaxReopens = 16;  // a file replaced again and again: give up
 
 // Opens the lock file (created when missing, never truncated) and gives it
 // its mode through the descriptor. A file of another user keeps its mode.
@@ -98,10 +99,38 @@ void CInterprocessLock::lock() {
     if (m_fd < 0)
       AMBIT_TRACE_ERROR("(Error) CInterprocessLock::lock - open \"%s\" failed %d\n",
                         m_name.c_str(), errno);
-    while (::flock(m_fd, LOCK_EX) != 0 && errno == EINTR) {
-    }
+    takeFlock();
   }
   ++m_count;
+}
+
+void CInterprocessLock::takeFlock() {
+  // The lock file can be removed or replaced while this process waits (the
+  // crash cleanup removes "/tmp/Ambit-ipclock-" + an object's name, and an
+  // object may be named like a registry). A flock on a file that is no
+  // longer at the path excludes nobody who opens the path afterwards, so
+  // after each flock the file held must still be the one at the path;
+  // otherwise the new file is opened and locked instead.
+  for (int attempt = 0; attempt < kMaxReopens; ++attempt) {
+    while (::flock(m_fd, LOCK_EX) != 0 && errno == EINTR) {
+    }
+    struct stat held, atPath;
+    if (::fstat(m_fd, &held) != 0 || ::lstat(m_name.c_str(), &atPath) != 0) {
+      if (errno != ENOENT) return;  // nothing better to be had
+    } else if (held.st_dev == atPath.st_dev && held.st_ino == atPath.st_ino) {
+      return;
+    }
+    const int fd = OpenLockFile(m_name);
+    if (fd < 0) {
+      AMBIT_TRACE_ERROR("(Error) CInterprocessLock::lock - open \"%s\" failed %d\n",
+                        m_name.c_str(), errno);
+      return;  // keep the flock on the old file: better than none
+    }
+    ::close(m_fd);  // drops the flock on the file that went away
+    m_fd = fd;
+  }
+  while (::flock(m_fd, LOCK_EX) != 0 && errno == EINTR) {
+  }
 }
 
 void CInterprocessLock::unlock() {

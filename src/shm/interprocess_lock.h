@@ -8,7 +8,9 @@
 // A lock between processes and threads: a process-local recursive mutex
 // plus an exclusive flock on "/tmp/Ambit-ipclock-" + name, taken at the
 // first nesting level only. Nested lock() calls of one thread only count.
-// The kernel drops the flock of a process that dies holding it.
+// The kernel drops the flock of a process that dies holding it. A lock
+// file removed or replaced while processes use it is followed: the flock
+// is always taken on the file that is at the path when it is granted.
 //
 // The lock file lives in a directory that every user can write, so it is
 // never opened through a symlink, never truncated, and its mode (0777, so
@@ -38,6 +40,7 @@ class CInterprocessLock {
   friend struct CInterprocessLockForkHandlers;
   void initMutex();
   void renewAfterFork();
+  void takeFlock();
 
   std::string m_name;     // path of the lock file
   int m_fd;               // kept open for the object's life

@@ -229,6 +229,45 @@ TEST(InterprocessLockTest, AnotherProcessWaitsUntilTheHolderUnlocks) {
   EXPECT_EQ(0, holder.Join(5000));
 }
 
+TEST(InterprocessLockTest, LockFileRemovedWhileInUseIsFollowedToTheFileNowAtThePath) {
+  // The crash cleanup removes "/tmp/Ambit-ipclock-" + the name of a freed
+  // object, and an object may be named "CShareMemMap". A process that
+  // opened the lock file before must not then lock the removed file while
+  // newer processes lock the new one.
+  CInterprocessLock lock("CShareMemMap");
+  ASSERT_EQ(0, ::unlink(kLockFile));
+  Handshake held, release;
+  ForkedChild newer([&] {
+    CInterprocessLock mine("CShareMemMap");  // makes the file anew
+    mine.lock();
+    held.Signal();
+    if (!release.WaitFor(10000)) return 2;
+    mine.unlock();
+    return 0;
+  });
+  ASSERT_TRUE(newer.Started());
+  ASSERT_TRUE(held.WaitFor(5000));
+
+  std::atomic<bool> got(false);
+  std::thread waiter([&] {
+    lock.lock();
+    got = true;
+    lock.unlock();
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  const bool gotEarly = got;
+  release.Signal();
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (!got && std::chrono::steady_clock::now() < end)
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  const bool gotLate = got;
+  if (!gotLate) newer.Kill();
+  waiter.join();
+  EXPECT_FALSE(gotEarly) << "two processes held the lock at once, each on its own file";
+  EXPECT_TRUE(gotLate);
+  EXPECT_EQ(0, newer.Join(5000));
+}
+
 TEST(InterprocessLockTest, HolderKilledWhileLockedLeavesTheLockFree) {
   Handshake held;
   ForkedChild holder([&] {
