@@ -4,7 +4,7 @@ BUILD_DIR ?= build
 ASAN_DIR  ?= build-asan
 BENCH_DIR ?= build-bench
 FUZZ_DIR  ?= build-fuzz
-# How long `make fuzz` runs the fuzzer, in seconds.
+# How long `make fuzz` runs each fuzz target, in seconds.
 FUZZ_SECONDS ?= 60
 # How long `make torture` kills and replaces worker processes, in seconds.
 TORTURE_SECONDS ?= 120
@@ -61,8 +61,10 @@ bench: bench-deps $(BENCH_DIR)/build.ninja
 	  echo "== $$b"; $$b --benchmark_min_time=0.2 --benchmark_repetitions=5 --benchmark_report_aggregates_only=true || exit 1; \
 	done
 
-# The UTF conversion fuzz target (libFuzzer, clang -m32), in its own build
-# directory; new inputs it finds are kept in $(FUZZ_DIR)/corpus.
+# The fuzz targets (libFuzzer, clang -m32), in their own build directory,
+# each run for FUZZ_SECONDS: the UTF conversions (new inputs kept in
+# $(FUZZ_DIR)/corpus) and the inspector's checks of damaged registry and
+# name-map tables ($(FUZZ_DIR)/corpus-ipcs-tables).
 $(FUZZ_DIR)/build.ninja:
 	cmake -G Ninja -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/i386-clang-toolchain.cmake \
 	  -S fuzz -B $(FUZZ_DIR)
@@ -72,6 +74,9 @@ fuzz: deps $(FUZZ_DIR)/build.ninja
 	@mkdir -p $(FUZZ_DIR)/corpus
 	$(FUZZ_DIR)/ambit_fuzz_utf -max_total_time=$(FUZZ_SECONDS) -max_len=1024 \
 	  -print_final_stats=1 -artifact_prefix=$(FUZZ_DIR)/ $(FUZZ_DIR)/corpus fuzz/corpus
+	@mkdir -p $(FUZZ_DIR)/corpus-ipcs-tables
+	$(FUZZ_DIR)/ambit_fuzz_ipcs_tables -max_total_time=$(FUZZ_SECONDS) -max_len=4096 \
+	  -print_final_stats=1 -artifact_prefix=$(FUZZ_DIR)/ipcs-tables- $(FUZZ_DIR)/corpus-ipcs-tables
 
 # One table of every ratio the benchmarks measure, with the goals.
 bench-report: bench-deps $(BENCH_DIR)/build.ninja

@@ -3,6 +3,7 @@
 // processes left behind.
 #include "shm/share_mem_map.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <strings.h>
 #include <sys/ipc.h>
@@ -19,6 +20,7 @@
 #include "ambit/exception.h"
 #include "ambit/portable.h"
 #include "portable/deliberate_crash.h"
+#include "portable/shared_file.h"
 #include "shm/interprocess_lock.h"
 #include "sync/mutex_globals.h"
 #include "trace/trace_impl.h"
@@ -55,6 +57,30 @@ uint32_t OwnPid() { return static_cast<uint32_t>(::getpid()); }
 
 int Int(unsigned long v) { return static_cast<int>(v); }
 
+bool WriteAll(int fd, const char* data, size_t size) {
+  while (size > 0) {
+    const ssize_t n = ::write(fd, data, size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    data += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+// Reads up to `size` bytes; fewer only at the end of the file. -1 on error.
+ssize_t ReadAll(int fd, char* data, size_t size) {
+  size_t done = 0;
+  while (done < size) {
+    const ssize_t n = ::read(fd, data + done, size - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return -1;
+    if (n == 0) break;
+    done += static_cast<size_t>(n);
+  }
+  return static_cast<ssize_t>(done);
+}
+
 }  // namespace
 
 CShareMemMap* g_pshareMemMap = nullptr;
@@ -76,12 +102,26 @@ CShareMemMap* get_shareMemMap() {
 
 // --- Construction and destruction --------------------------------------------
 
-CShareMemMap::CShareMemMap() : m_nshmid(0), m_pmemMapInfo(nullptr), m_pLock(nullptr) {
+void CShareMemMap::initMutex() {
   pthread_mutexattr_t attr;
   pthread_mutexattr_init(&attr);
   pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
   pthread_mutex_init(&m_mutex, &attr);
   pthread_mutexattr_destroy(&attr);
+}
+
+void CShareMemMap::renewMutexInChild() {
+  if (g_pshareMemMap != nullptr) g_pshareMemMap->initMutex();
+}
+
+namespace {
+pthread_once_t g_forkHandlerOnce = PTHREAD_ONCE_INIT;
+void RegisterForkHandler() { pthread_atfork(nullptr, nullptr, &CShareMemMap::renewMutexInChild); }
+}  // namespace
+
+CShareMemMap::CShareMemMap() : m_nshmid(0), m_pmemMapInfo(nullptr), m_pLock(nullptr) {
+  initMutex();
+  pthread_once(&g_forkHandlerOnce, &RegisterForkHandler);
 
   try {
     m_pLock = new CInterprocessLock(kRegistryName);
@@ -138,13 +178,16 @@ void CShareMemMap::initialize() {
 
   // The file ties the registry to this boot: /tmp is emptied at boot, the
   // segment with its fixed key may not be.
-  if (FILE* f = std::fopen(kCreateTimeFile, "w")) {
-    if (std::fwrite(info->szCreateTimeUtc, 1, sizeof info->szCreateTimeUtc, f) !=
-        sizeof info->szCreateTimeUtc)
+  // Through a descriptor that follows no symlink: a link planted at the
+  // path must not make this process truncate and write another file.
+  const int fd = OpenSharedFile(kCreateTimeFile, O_WRONLY | O_CREAT, 0666);
+  if (fd >= 0) {
+    const size_t room = sizeof info->szCreateTimeUtc;
+    if (::ftruncate(fd, 0) != 0 || !WriteAll(fd, info->szCreateTimeUtc, room))
       AMBIT_TRACE_ERROR(
           "(Error) CShareMemMap::CShareMemMap - write to create time file failed %d\n",
           errno);
-    std::fclose(f);
+    ::close(fd);
   } else {
     AMBIT_TRACE_ERROR(
         "(Error) CShareMemMap::CShareMemMap - open create time file for writing failed %d\n",
@@ -155,19 +198,34 @@ void CShareMemMap::initialize() {
 
 void CShareMemMap::checkCreateTime() {
   REGISTRY_TRACE("CShareMemMap::CShareMemMap - check guid file\n");
-  FILE* f = std::fopen(kCreateTimeFile, "r");
-  if (f == nullptr) {
+  // A file that cannot be read whole (a symlink or a directory at the path,
+  // fewer than 24 bytes) says nothing about the registry: it is reported
+  // and the registry accepted, as when the file is missing. Only a stamp
+  // that was read and differs counts as a mismatch.
+  char stamp[25];
+  std::memset(stamp, 0, sizeof stamp);
+  int error = 0;
+  const int fd = OpenSharedFile(kCreateTimeFile, O_RDONLY, 0);
+  if (fd < 0) {
+    error = errno;
+  } else {
+    const ssize_t n = ReadAll(fd, stamp, 24);
+    if (n < 0) error = errno;
+    ::close(fd);
+    if (n >= 0 && n < 24) {
+      AMBIT_TRACE_ERROR(
+          "(Error) CShareMemMap::CShareMemMap - create time file \"%s\" is short, %d bytes\n",
+          kCreateTimeFile, static_cast<int>(n));
+      return;
+    }
+  }
+  if (error != 0) {
     AMBIT_TRACE_ERROR(
         "(Error) CShareMemMap::CShareMemMap - open create time file \"%s\" for reading "
         "failed %d\n",
-        kCreateTimeFile, errno);
-    return;  // a registry without its file is accepted as it stands
+        kCreateTimeFile, error);
+    return;  // a registry without a readable file is accepted as it stands
   }
-  char stamp[25];
-  std::memset(stamp, 0, sizeof stamp);
-  const size_t n = std::fread(stamp, 1, 24, f);
-  (void)n;
-  std::fclose(f);
   REGISTRY_TRACE("CShareMemMap::CShareMemMap - create time check, file \"%s\", mem \"%s\" \n",
                  stamp, m_pmemMapInfo->szCreateTimeUtc);
   if (CPortable::strnicmp(stamp, m_pmemMapInfo->szCreateTimeUtc, 23) != 0) {
@@ -397,7 +455,16 @@ void* CShareMemMap::acquireSharedMemory(std::string name, unsigned long dwSize,
       if (pvmem == nullptr) {
         if (claimed) {
           // A half-claimed entry must not survive: with a non-zero size
-          // this ends the process (deliberately), as it always has.
+          // this ends the process (deliberately), as it always has. A
+          // segment this call made (it could be created but not attached,
+          // e.g. too large for the address space) goes first: left at the
+          // entry's key, it would end every later process that claims the
+          // entry, whatever name it asks for.
+          if (*bCreated) {
+            ::shmctl(e.nshmid, IPC_RMID, nullptr);
+            *bCreated = 0;
+          }
+          e.nshmid = 0;
           e.szName[0] = '\0';
           ZeroAtNullAddress(dwSize);
         }

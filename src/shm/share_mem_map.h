@@ -58,12 +58,18 @@ class CShareMemMap {
   // The registry, to the trace log (level bit 2).
   void dump();
 
+  // Runs in the child of fork() (registered with pthread_atfork): the
+  // process's mutex is made anew, unlocked, as another thread of the parent
+  // may have held it at the fork and that thread does not exist here.
+  static void renewMutexInChild();
+
   SMEMMAPINFO* info() const { return m_pmemMapInfo; }
   CInterprocessLock* interprocessLock() const { return m_pLock; }
 
  private:
   void initialize();
   void checkCreateTime();
+  void initMutex();
 
   pthread_mutex_t m_mutex;
   int m_nshmid;  // the registry segment

@@ -1,7 +1,9 @@
 // The library's own log object: a daily file, written line by line without
 // locks, because tracing runs while the library holds its interprocess locks
 // and must never block on them.
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -9,6 +11,7 @@
 
 #include "ambit/portable.h"
 #include "ambit/trace.h"
+#include "portable/shared_file.h"
 #include "portable/wall_clock.h"
 #include "trace/trace_clock.h"
 #include "trace/trace_file.h"
@@ -18,6 +21,7 @@ namespace {
 
 constexpr int kLineSize = 512;
 constexpr unsigned long kEchoToConsole = 1;
+constexpr mode_t kLogFileMode = 0666;  // every user's processes write the log
 const char kDefaultDir[] = "/cf/quenbydata/Logs/";
 
 }  // namespace
@@ -99,8 +103,15 @@ void AmbitTrace::openTraceFile() {
   }
   char path[kTracePathSize];
   TraceFilePath(dir, now, path);
-  file = std::fopen(path, "a+");
-  ::chmod(path, 0666);
+  // The log directory may be writable by others: a symlink planted under
+  // the day's name must not make this process append to, or change the
+  // mode of, the file it points to. The mode goes to the file opened,
+  // through its descriptor, and only when the open worked.
+  const int fd = OpenSharedFile(path, O_RDWR | O_APPEND | O_CREAT, kLogFileMode);
+  if (fd < 0) return;
+  ::fchmod(fd, kLogFileMode);
+  file = ::fdopen(fd, "a+");
+  if (file == nullptr) ::close(fd);
 }
 
 void AmbitTrace::tracev(const char* format, va_list args) {

@@ -9,14 +9,20 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cerrno>
 #include <chrono>
 #include <string>
 #include <thread>
 
+#include "ambit/event.h"
 #include "ambit/exception.h"
+#include "ambit/trace.h"
 #include "ambit/sharedmemory.h"
 #include "gtest/gtest.h"
+#include "names/name_map.h"
+#include "shm/share_mem_map.h"
+#include "shm/planted_file.h"
 #include "shm/registry_view.h"
 #include "support/forked_child.h"
 #include "support/handshake.h"
@@ -130,6 +136,46 @@ TEST(InterprocessLockTest, LockFileThatCannotBeCreatedThrowsItsErrno) {
   EXPECT_TRUE(HasLineStartingWith(log.Lines(), expected));
 }
 
+TEST(InterprocessLockTest, SymlinkAtALockFilesPathThrowsEloopAndLeavesItsTargetAlone) {
+  for (const char* name : {"CShareMemMap", "CNameMap"}) {
+    SCOPED_TRACE(name);
+    const std::string path = std::string("/tmp/Ambit-ipclock-") + name;
+    PlantedTarget target("not a lock file\n", 0640);
+    ASSERT_TRUE(target.LinkFrom(path.c_str()));
+    long code = 0;
+    try {
+      CInterprocessLock lock(name);
+      ADD_FAILURE() << "no exception";
+    } catch (const QKException& e) {
+      code = e.code;
+    }
+    EXPECT_EQ(ELOOP, code);
+    EXPECT_EQ("", target.Damage());
+    ::unlink(path.c_str());
+  }
+}
+
+TEST(InterprocessLockTest, ExistingLockFileIsNeitherTruncatedNorReplaced) {
+  {
+    const int fd = ::open(kLockFile, O_WRONLY | O_CREAT | O_EXCL, 0600);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(5, ::write(fd, "bytes", 5));
+    ::close(fd);
+  }
+  struct stat before;
+  ASSERT_EQ(0, ::stat(kLockFile, &before));
+  {
+    CInterprocessLock lock("CShareMemMap");
+    lock.lock();
+    lock.unlock();
+  }
+  struct stat after;
+  ASSERT_EQ(0, ::stat(kLockFile, &after));
+  EXPECT_EQ(before.st_ino, after.st_ino);
+  EXPECT_EQ(5, after.st_size) << "the lock file was truncated";
+  EXPECT_EQ(0777u, after.st_mode & 07777u) << "its mode is given through the descriptor";
+}
+
 TEST(InterprocessLockTest, RegistryWithoutItsLockFileGivesTheErrnoToTheCaller) {
   ASSERT_EQ(0, ::mkdir(kLockFile, 0755));
   // The failed registry keeps the singletons' mutex locked, so the attempt
@@ -183,6 +229,45 @@ TEST(InterprocessLockTest, AnotherProcessWaitsUntilTheHolderUnlocks) {
   EXPECT_EQ(0, holder.Join(5000));
 }
 
+TEST(InterprocessLockTest, LockFileRemovedWhileInUseIsFollowedToTheFileNowAtThePath) {
+  // The crash cleanup removes "/tmp/Ambit-ipclock-" + the name of a freed
+  // object, and an object may be named "CShareMemMap". A process that
+  // opened the lock file before must not then lock the removed file while
+  // newer processes lock the new one.
+  CInterprocessLock lock("CShareMemMap");
+  ASSERT_EQ(0, ::unlink(kLockFile));
+  Handshake held, release;
+  ForkedChild newer([&] {
+    CInterprocessLock mine("CShareMemMap");  // makes the file anew
+    mine.lock();
+    held.Signal();
+    if (!release.WaitFor(10000)) return 2;
+    mine.unlock();
+    return 0;
+  });
+  ASSERT_TRUE(newer.Started());
+  ASSERT_TRUE(held.WaitFor(5000));
+
+  std::atomic<bool> got(false);
+  std::thread waiter([&] {
+    lock.lock();
+    got = true;
+    lock.unlock();
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  const bool gotEarly = got;
+  release.Signal();
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (!got && std::chrono::steady_clock::now() < end)
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  const bool gotLate = got;
+  if (!gotLate) newer.Kill();
+  waiter.join();
+  EXPECT_FALSE(gotEarly) << "two processes held the lock at once, each on its own file";
+  EXPECT_TRUE(gotLate);
+  EXPECT_EQ(0, newer.Join(5000));
+}
+
 TEST(InterprocessLockTest, HolderKilledWhileLockedLeavesTheLockFree) {
   Handshake held;
   ForkedChild holder([&] {
@@ -215,6 +300,123 @@ TEST(InterprocessLockTest, OtherThreadsOfTheProcessWaitForTheHoldingThread) {
   other.join();
   EXPECT_TRUE(got);
   EXPECT_EQ(kFree, ProbeFlock(kLockFile));
+}
+
+// --- fork() without exec -------------------------------------------------------
+
+constexpr char kNameMapLockFile[] = "/tmp/Ambit-ipclock-CNameMap";
+
+// Polls until the lock file is free, for at most nTimeoutMs.
+unsigned char ProbeUntilFree(const char* path, int nTimeoutMs) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(nTimeoutMs);
+  unsigned char answer = ProbeFlock(path);
+  while (answer != kFree && std::chrono::steady_clock::now() < end) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    answer = ProbeFlock(path);
+  }
+  return answer;
+}
+
+TEST(InterprocessLockForkTest, ParentKilledHoldingBothRegistryLocksFreesThemWhileItsChildLives) {
+  Handshake held, childStarted, childDone;
+  ForkedChild parent([&] {
+    CNameMap* names = get_nameMap();
+    CShareMemMap* registry = get_shareMemMap();
+    // A child forked without exec, alive for the rest of the test.
+    ForkedChild child([&] {
+      childStarted.Signal();
+      return childDone.WaitFor(20000) ? 0 : 2;
+    });
+    if (!childStarted.WaitFor(5000)) return 2;
+    names->lock();
+    registry->interprocessLock()->lock();
+    held.Signal();
+    for (;;) ::pause();
+    return 0;
+  });
+  ASSERT_TRUE(parent.Started());
+  ASSERT_TRUE(held.WaitFor(10000));
+  EXPECT_EQ(kBusy, ProbeFlock(kLockFile));
+  EXPECT_EQ(kBusy, ProbeFlock(kNameMapLockFile));
+
+  parent.Kill();
+  EXPECT_EQ(128 + SIGKILL, parent.Join(5000));
+  EXPECT_EQ(kFree, ProbeUntilFree(kLockFile, 2000)) << "the forked child keeps the registry lock";
+  EXPECT_EQ(kFree, ProbeUntilFree(kNameMapLockFile, 2000))
+      << "the forked child keeps the name map's lock";
+  childDone.Signal();
+}
+
+// A tracing hook that stops the first thread that reaches a given line
+// until it is released: that thread then holds every lock the library
+// holds at that line.
+class StoppingHook : public AmbitTracing {
+ public:
+  explicit StoppingHook(const char* prefix) : m_prefix(prefix) {}
+  void traceConditional(unsigned long, unsigned long, const char* format, va_list) override {
+    if (std::strncmp(format, m_prefix, std::strlen(m_prefix)) != 0 || m_stopped.exchange(true))
+      return;
+    m_reached.Signal();
+    m_release.WaitFor(15000);
+  }
+  void traceUnconditional(unsigned long, const char*, va_list) override {}
+
+  Handshake m_reached, m_release;
+
+ private:
+  const char* m_prefix;
+  std::atomic<bool> m_stopped{false};
+};
+
+TEST(InterprocessLockForkTest, ChildForkedWhileOtherThreadsHeldTheLocksUsesTheLibrary) {
+  ForkedChild parent([] {
+    get_shareMemMap();
+    get_nameMap();
+    // One thread stops inside an acquire (holding the registry's mutex and
+    // its interprocess lock), another holds the name map's lock.
+    StoppingHook hook("CShareMemMap::acquireSharedMemory - free entry");
+    AmbitDebug::setTracingHelper(&hook);
+    std::thread acquirer([] {
+      int created = 0;
+      get_shareMemMap()->acquireSharedMemory("parent-segment", 64, &created);
+    });
+    Handshake namesHeld, namesRelease;
+    std::thread namesHolder([&] {
+      get_nameMap()->lock();
+      namesHeld.Signal();
+      namesRelease.WaitFor(15000);
+      get_nameMap()->unlock();
+    });
+    const bool ready = hook.m_reached.WaitFor(5000) && namesHeld.WaitFor(5000);
+
+    Handshake forked;
+    ForkedChild child([&] {
+      AmbitDebug::setTracingHelper(nullptr);
+      forked.Signal();
+      int created = 0;
+      if (get_shareMemMap()->acquireSharedMemory("child-segment", 64, &created) == nullptr)
+        return 2;
+      try {
+        CPEvent event(1, "child-event", 1);
+      } catch (...) {
+        return 3;
+      }
+      get_shareMemMap()->releaseSharedMemory("child-segment");
+      return 0;
+    });
+    forked.WaitFor(5000);
+    // The parent's threads go on and let go; the child then gets its turn.
+    hook.m_release.Signal();
+    namesRelease.Signal();
+    acquirer.join();
+    namesHolder.join();
+    AmbitDebug::setTracingHelper(nullptr);
+    const int verdict = child.Join(10000);
+    if (!ready) return 4;
+    return verdict == 0 ? 0 : (verdict == -1 ? 5 : 10 + verdict);
+  });
+  ASSERT_TRUE(parent.Started());
+  EXPECT_EQ(0, parent.Join(30000)) << "5: the child hung on a lock held at the fork";
 }
 
 }  // namespace

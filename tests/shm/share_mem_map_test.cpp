@@ -21,8 +21,10 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <regex>
+#include <csignal>
 #include <string>
 #include <thread>
 #include <vector>
@@ -30,6 +32,7 @@
 #include "ambit/exception.h"
 #include "ambit/portable.h"
 #include "gtest/gtest.h"
+#include "shm/planted_file.h"
 #include "shm/registry_view.h"
 #include "support/child_process.h"
 #include "support/forked_child.h"
@@ -192,6 +195,67 @@ TEST(RegistryLayoutTest, MissingCreationTimeFileIsReportedAndTheRegistryAccepted
                                                "time file \"") +
                                        kTimeFile + "\" for reading failed 2"));
   EXPECT_NE(0, ::access(kTimeFile, F_OK)) << "the file is not written again";
+}
+
+TEST(RegistryLayoutTest, SymlinkAtTheCreationTimeFileIsNotWrittenThroughAndTheRegistryIsMade) {
+  PlantedTarget target("someone else's file\n", 0644);
+  ASSERT_TRUE(target.LinkFrom(kTimeFile));
+  LogCapture log;
+  ForkedChild first([] { return Acquire("first", 64) != nullptr ? 0 : 2; });
+  EXPECT_EQ(0, first.Join(10000));
+  EXPECT_EQ("", target.Damage());
+  EXPECT_TRUE(HasLine(log.Lines(), Fmt("(Error) CShareMemMap::CShareMemMap - open create time "
+                                       "file for writing failed %d",
+                                       ELOOP)));
+  RegistryView reg;
+  ASSERT_TRUE(reg.Attached());
+  EXPECT_EQ(1u, reg.Initialized()) << "initialisation went on";
+}
+
+TEST(RegistryLayoutTest, UnreadableCreationTimeFileIsReportedAndTheRegistryAccepted) {
+  ForkedChild first([] { return get_shareMemMap() != nullptr ? 0 : 2; });
+  ASSERT_EQ(0, first.Join(10000));
+  RegistryView reg;
+  ASSERT_TRUE(reg.Attached());
+  const std::string header(reinterpret_cast<const char*>(reg.Bytes()), 56);
+  const std::string stamp = reg.CreateTime();
+  // A link to a file that holds another stamp, a directory, and a file
+  // shorter than the 24 bytes of a stamp: none of them can be read as the
+  // registry's stamp, so none is a mismatch (which would end the process).
+  PlantedTarget other("1999/12/31 23:59:59.999", 0644);
+  struct Case {
+    const char* what;
+    std::function<bool()> plant;
+    std::string line;
+  } cases[] = {
+      {"symlink", [&] { return other.LinkFrom(kTimeFile); },
+       std::string("(Error) CShareMemMap::CShareMemMap - open create time file \"") + kTimeFile +
+           "\" for reading failed " + std::to_string(ELOOP)},
+      {"directory", [] { return ::mkdir(kTimeFile, 0755) == 0; },
+       std::string("(Error) CShareMemMap::CShareMemMap - open create time file \"") + kTimeFile +
+           "\" for reading failed " + std::to_string(EISDIR)},
+      {"short file",
+       [&] {
+         std::ofstream out(kTimeFile, std::ios::binary | std::ios::trunc);
+         out.write(stamp.data(), 10);
+         return static_cast<bool>(out);
+       },
+       std::string("(Error) CShareMemMap::CShareMemMap - create time file \"") + kTimeFile +
+           "\" is short, 10 bytes"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    ::unlink(kTimeFile);
+    ::rmdir(kTimeFile);
+    ASSERT_TRUE(c.plant());
+    LogCapture log;
+    ForkedChild next([] { return Acquire("after", 64) != nullptr ? 0 : 2; });
+    EXPECT_EQ(0, next.Join(10000)) << "the registry was not accepted";
+    EXPECT_TRUE(HasLine(log.Lines(), c.line));
+    EXPECT_FALSE(HasLineStartingWith(log.Lines(), "CShareMemMap::CShareMemMap - create time mismatch"));
+    EXPECT_EQ(0, std::memcmp(header.data(), reg.Bytes(), 48)) << "not initialised again";
+  }
+  EXPECT_EQ("", other.Damage());
 }
 
 TEST(RegistryLayoutTest, InterruptedInitialisationIsRedone) {
@@ -847,6 +911,40 @@ TEST(ObsoleteCleanupTest, FailedAttachOfANewlyClaimedEntryEndsTheProcess) {
   // The dead process's flock went with it: the registry is usable.
   ForkedChild next([] { return Acquire("later", 64) != nullptr ? 0 : 2; });
   EXPECT_EQ(0, next.Join(10000));
+}
+
+TEST(ObsoleteCleanupTest, NewSegmentThatCannotBeAttachedIsRemovedBeforeTheProcessEnds) {
+  ForkedChild first([] { return get_shareMemMap() != nullptr ? 0 : 2; });
+  ASSERT_EQ(0, first.Join(10000));
+  LogCapture log;
+  // 0xF0000000 bytes: shmget makes the segment, shmat finds no room for it
+  // in a 32-bit address space, and the process ends as designed.
+  ForkedChild huge([] {
+    std::signal(SIGSEGV, SIG_DFL);
+    Acquire("huge", 0xF0000000ul);
+    return 2;
+  });
+  const int verdict = huge.Join(20000);
+  EXPECT_NE(0, verdict);
+  EXPECT_NE(2, verdict) << "the failed attach of a new entry came back";
+  EXPECT_NE(-1, verdict) << "hung";
+  ASSERT_TRUE(HasLine(log.Lines(), Fmt("(Error) CShareMemMap::acquireSharedMemoryHelper, shmmat "
+                                       "failed %d",
+                                       ENOMEM)))
+      << "the huge segment was not made here, so this test shows nothing";
+  EXPECT_EQ(-1, SegmentId(kFirstKey)) << "the segment made for the dead request stays";
+  RegistryView reg;
+  EXPECT_EQ(0, reg.InUse());
+
+  // Later processes claim that entry, and others, for names of their own.
+  for (const char* name : {"next", "and-another"}) {
+    ForkedChild next([name] {
+      std::signal(SIGSEGV, SIG_DFL);
+      int created = 0;
+      return Acquire(name, 4096, &created) != nullptr && created == 1 ? 0 : 3;
+    });
+    EXPECT_EQ(0, next.Join(10000)) << name;
+  }
 }
 
 TEST(ObsoleteCleanupTest, SegmentRemovedBehindTheLibrarysBackIsReportedAtTheLastRelease) {

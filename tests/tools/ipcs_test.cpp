@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -16,6 +17,8 @@
 
 #include "ambit/ambit.h"
 #include "gtest/gtest.h"
+#include "names/name_map.h"
+#include "shm/share_mem_map.h"
 #include "shm/registry_view.h"
 #include "support/child_process.h"
 #include "support/forked_child.h"
@@ -219,6 +222,7 @@ class NameMapView {
   bool Attached() const { return m_p != nullptr; }
 
   uint32_t* U32(size_t offset) { return reinterpret_cast<uint32_t*>(m_p + offset); }
+  unsigned char* Bytes() { return m_p; }
   static size_t EntryAt(int i) { return kMapEntriesAt + kMapEntryBytes * static_cast<size_t>(i); }
   char* Name(int i) { return reinterpret_cast<char*>(m_p + EntryAt(i)); }
   int Find(const std::string& name) {
@@ -548,6 +552,194 @@ TEST_F(IpcsTest, CheckNamesEveryViolationAtOnce) {
   ExpectViolation(r, "missing-segment", "\"ipcs-segment-a\"");
   ExpectViolation(r, "orphan-segment", "key 47065 ");
   EXPECT_NE("", LineWith(r.output, {"check: 4 violations"})) << r.output;
+}
+
+TEST_F(IpcsTest, DamagedTablesAreReportedAsViolationsAndNeverCrashTheInspector) {
+  BuildRegistry(false);
+  RegistryView registry(true);
+  NameMapView map;
+  ASSERT_TRUE(registry.Attached());
+  ASSERT_TRUE(map.Attached());
+  // The keeper still uses both tables: they are put back before it goes.
+  const std::string savedRegistry(reinterpret_cast<char*>(registry.Bytes()), shm_test::kRegistryBytes);
+  const size_t mapBytes = kMapEntriesAt + kMapEntryBytes * kMapEntries;
+  const std::string savedMap(reinterpret_cast<char*>(map.Bytes()), mapBytes);
+
+  // Registry: a creator program and the last entry's name without their
+  // terminating 0, pid slots full of junk.
+  std::memset(registry.Bytes() + 8, 'P', 16);
+  const int last = shm_test::kEntries - 1;
+  std::memset(registry.Bytes() + RegistryView::EntryAt(last), 0xEE, 256);
+  const int segment = registry.Find("ipcs-segment-b");
+  ASSERT_GE(segment, 0);
+  for (int slot = 0; slot < shm_test::kSlots; ++slot)
+    reinterpret_cast<uint32_t*>(registry.Bytes() + RegistryView::EntryAt(segment) + 268)[slot] =
+        0xFFFFFFFFu - static_cast<uint32_t>(slot);
+  // Name map: counts and indexes out of range, a name without its 0, a
+  // type that does not exist, junk pids.
+  *map.U32(8) = 0x7FFFFFFF;                 // dwMaxEntries
+  *map.U32(kMapHighestEntry) = 0xFFFFFFF0;  // far beyond 512 entries
+  const int event = map.Find("ipcs-event");
+  const int semaphore = map.Find("ipcs-semaphore");
+  ASSERT_GE(event, 0);
+  ASSERT_GE(semaphore, 0);
+  std::memset(map.Name(event), 0xAB, 256);
+  *map.U32(NameMapView::EntryAt(semaphore) + kMapNameType) = 77;
+  *map.U32(NameMapView::EntryAt(semaphore) + kMapPids) = 0x80000000u;
+
+  const ChildResult table = Ipcs({});
+  EXPECT_EQ(0, table.exitCode) << table.output;
+  const ChildResult json = Ipcs({"--json"});
+  EXPECT_EQ(0, json.exitCode) << json.output;
+  const ChildResult check = Ipcs({"--check"});
+  ExpectViolation(check, "unterminated-text", "registry creator program has no terminating 0");
+  ExpectViolation(check, "unterminated-name",
+                  "registry entry " + std::to_string(last) + " has a name without a terminating 0");
+  ExpectViolation(check, "bad-pid",
+                  "registry entry " + std::to_string(segment) + " pid slot 0 holds 0xFFFFFFFF");
+  ExpectViolation(check, "bad-header", "name map dwMaxEntries is 2147483647");
+  ExpectViolation(check, "index-out-of-range", "name map dwHighestEntry 4294967280");
+  ExpectViolation(check, "unterminated-name",
+                  "name map entry " + std::to_string(event) + " has a name without a terminating 0: \"\\xAB");
+  ExpectViolation(check, "bad-type", "name map entry " + std::to_string(semaphore) + " has type 77");
+  ExpectViolation(check, "bad-pid", "name map entry " + std::to_string(semaphore) +
+                                        " pid slot 0 holds 0x80000000");
+  // The library's cleanup passes trust the tables: they are not run.
+  const ChildResult clean = Ipcs({"--clean", "--check"});
+  EXPECT_EQ(1, clean.exitCode) << clean.output;
+  EXPECT_NE("", LineWith(clean.output, {"clean: refused: the tables are damaged"})) << clean.output;
+  EXPECT_NE("", LineWith(clean.output, {"violation: index-out-of-range"})) << clean.output;
+
+  std::memcpy(registry.Bytes(), savedRegistry.data(), savedRegistry.size());
+  std::memcpy(map.Bytes(), savedMap.data(), savedMap.size());
+  EXPECT_EQ(0, Ipcs({"--check"}).exitCode);
+}
+
+// --- Limits leave the tables consistent ---------------------------------------
+//
+// Each limit is reached by real processes, forked before this process
+// touches the library; the designed failure comes back, and the inspector
+// then finds both tables consistent, with the processes alive and again
+// after they died and --clean reclaimed what they held.
+
+void* AcquireSegment(const std::string& name, unsigned long size) {
+  int created = 0;
+  return get_shareMemMap()->acquireSharedMemory(name, size, &created);
+}
+
+CNameMap::SNAMEINFO* CreateMutex(const std::string& name) {
+  int created = 0;
+  return get_nameMap()->createNamedObject(name, CNameMap::CreateOrOpen, CNameMap::Mutex,
+                                          &created, 0);
+}
+
+void ExpectCheckPasses(const std::vector<std::string>& args) {
+  const ChildResult r = Ipcs(args);
+  EXPECT_EQ(0, r.exitCode) << r.output;
+  EXPECT_NE("", LineWith(r.output, {"check: 0 violations"})) << r.output;
+}
+
+// A process that does `work`, reports its verdict byte, and stays alive
+// until released.
+class LimitHolder {
+ public:
+  explicit LimitHolder(const std::function<unsigned char()>& work)
+      : m_child(Spawn([this, work] {
+          m_report.Signal(work());
+          return m_release.WaitFor(60000) ? 0 : 2;
+        })) {}
+  unsigned char Verdict(int nTimeoutMs) {
+    unsigned char v = 0;
+    return m_report.WaitFor(nTimeoutMs, &v) ? v : 0;
+  }
+  int Finish() {
+    m_release.Signal();
+    return m_child->Join(10000);
+  }
+
+ private:
+  Handshake m_report, m_release;
+  std::unique_ptr<ForkedChild> m_child;
+};
+
+TEST(IpcsLimitsTest, TheTenTwentyFifthNameFailsAndTheTablesStayConsistent) {
+  LimitHolder holder([] {
+    for (int i = 0; i < shm_test::kEntries; ++i)
+      if (AcquireSegment("limit-" + std::to_string(i), 64) == nullptr) return 2;
+    return AcquireSegment("limit-one-too-many", 64) == nullptr ? 1 : 3;
+  });
+  ASSERT_EQ(1, holder.Verdict(30000)) << "2: a name below the limit failed; 3: the 1025th worked";
+  auto other = Spawn([] { return AcquireSegment("from-elsewhere", 64) == nullptr ? 0 : 1; });
+  EXPECT_EQ(0, other->Join(20000)) << "another process got a 1025th name";
+  ExpectCheckPasses({"--check"});
+  EXPECT_EQ(0, holder.Finish());
+  ExpectCheckPasses({"--clean", "--check"});
+  EXPECT_EQ(0, RegistryView().InUse()) << "every name of the dead holder was reclaimed";
+}
+
+TEST(IpcsLimitsTest, TheSixtyFifthProcessOnANameFailsAndTheTablesStayConsistent) {
+  // Each of 64 processes attaches one segment and opens one named event;
+  // the 65th can have neither (the table of named objects is itself a
+  // segment with 64 pid slots).
+  std::vector<std::unique_ptr<LimitHolder>> holders;
+  auto join = [&holders](bool last) {
+    holders.emplace_back(new LimitHolder([last]() -> unsigned char {
+      const bool segment = AcquireSegment("crowd", 4096) != nullptr;
+      bool event = false;
+      try {
+        // Left open (leaked on purpose) while the holder waits for release.
+        new CPEvent(1, "crowd-event", 1);
+        event = true;
+      } catch (const QKException&) {
+      }
+      if (!last) return segment && event ? 1 : 2;
+      return !segment && !event ? 1 : 3;
+    }));
+    return holders.back()->Verdict(20000);
+  };
+  for (int i = 0; i < 64; ++i) ASSERT_EQ(1, join(false)) << "process " << i + 1;
+  EXPECT_EQ(1, join(true)) << "the 65th process got the segment or the event";
+  ExpectCheckPasses({"--check"});
+  for (auto& h : holders) EXPECT_EQ(0, h->Finish());
+  ExpectCheckPasses({"--clean", "--check"});
+}
+
+TEST(IpcsLimitsTest, TheFiveHundredThirteenthObjectFailsAndTheTablesStayConsistent) {
+  LimitHolder holder([] {
+    for (int i = 0; i < static_cast<int>(CNameMap::kMaxEntries); ++i)
+      if (CreateMutex("object-" + std::to_string(i)) == nullptr) return 2;
+    return CreateMutex("object-one-too-many") == nullptr ? 1 : 3;
+  });
+  ASSERT_EQ(1, holder.Verdict(30000)) << "2: an object below the limit failed; 3: the 513th worked";
+  auto other = Spawn([] { return CreateMutex("from-elsewhere") == nullptr ? 0 : 1; });
+  EXPECT_EQ(0, other->Join(20000)) << "another process got a 513th object";
+  ExpectCheckPasses({"--check"});
+  EXPECT_EQ(0, holder.Finish());
+  ExpectCheckPasses({"--clean", "--check"});
+}
+
+TEST(IpcsLimitsTest, AName256CharactersLongFailsAndTheTablesStayConsistent) {
+  LimitHolder holder([] {
+    if (CreateMutex(std::string(255, 'm')) == nullptr) return 2;
+    return CreateMutex(std::string(256, 'n')) == nullptr ? 1 : 3;
+  });
+  ASSERT_EQ(1, holder.Verdict(20000)) << "2: 255 characters failed; 3: 256 worked";
+  const ChildResult json = Ipcs({"--json"});
+  EXPECT_EQ("", LineWith(json.output, {std::string(255, 'n')})) << "the long name was stored";
+  ExpectCheckPasses({"--check"});
+  EXPECT_EQ(0, holder.Finish());
+  ExpectCheckPasses({"--clean", "--check"});
+}
+
+TEST(IpcsHelpTest, HelpSaysHowToRemoveARegistrySafely) {
+  const ChildResult r = Ipcs({"--help"});
+  EXPECT_EQ(0, r.exitCode) << r.output;
+  EXPECT_NE("", LineWith(r.output, {"Removing a registry safely"})) << r.output;
+  EXPECT_NE("", LineWith(r.output, {"every pid this listing shows"})) << r.output;
+  EXPECT_NE("", LineWith(r.output, {"keys 46066 to 47089"})) << r.output;
+  EXPECT_NE("", LineWith(r.output, {"ipcrm -M 46065"})) << r.output;
+  EXPECT_NE("", LineWith(r.output, {"/tmp/ShareMemCreateTime-16AC6AB6-4CA6-4813-A086-53E43B469FF8"}))
+      << r.output;
 }
 
 }  // namespace

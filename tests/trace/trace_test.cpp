@@ -203,6 +203,35 @@ TEST_F(TraceLogTest, FileIsMadeReadableAndWritableByEveryone) {
   EXPECT_EQ(0666u, st.st_mode & 0777);
 }
 
+TEST_F(TraceLogTest, SymlinkNamedLikeTheDaysLogIsNeitherWrittenThroughNorChmodded) {
+  // A link planted in a log directory that others can write, under the
+  // name of the day's log, to a file outside it; and a dangling one for
+  // the next day, whose target must not be created.
+  TempDir outside;
+  const std::string target = outside.Path() + "/precious";
+  const std::string absent = outside.Path() + "/absent";
+  {
+    const int fd = open(target.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(9, write(fd, "precious\n", 9));
+    close(fd);
+  }
+  ASSERT_EQ(0, symlink(target.c_str(), (m_dir.Path() + "/AmbitTrace-261115.Log").c_str()));
+  ASSERT_EQ(0, symlink(absent.c_str(), (m_dir.Path() + "/AmbitTrace-261116.Log").c_str()));
+
+  g_pAmbitTrace->trace("through the link\n");
+  EXPECT_EQ(nullptr, g_AmbitTrace.file) << "the log was opened through the link";
+  SetClock(UtcSeconds(2026, 11, 16, 9, 0, 0), 0);
+  g_pAmbitTrace->trace("through the dangling link\n");
+  EXPECT_EQ(nullptr, g_AmbitTrace.file);
+
+  EXPECT_EQ("precious\n", ReadFile(target));
+  struct stat st;
+  ASSERT_EQ(0, stat(target.c_str(), &st));
+  EXPECT_EQ(0600u, st.st_mode & 07777) << "the target's mode was changed";
+  EXPECT_NE(0, access(absent.c_str(), F_OK)) << "the dangling link's target was created";
+}
+
 TEST_F(TraceLogTest, FailedOpenDropsLinesAndIsRetriedOnlyInALaterMinute) {
   const std::string missing = m_dir.Path() + "/later";
   std::snprintf(g_AmbitTrace.dir, sizeof g_AmbitTrace.dir, "%s", missing.c_str());

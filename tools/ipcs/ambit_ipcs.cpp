@@ -9,6 +9,7 @@
 //                         registries, under their locks, and report what
 //                         they reclaimed (with --check: check afterwards,
 //                         including that no dead pid is left)
+//   ambit-ipcs --help     the options, and how to remove a registry safely
 #include <unistd.h>
 
 #include <cstdio>
@@ -243,8 +244,32 @@ void Clean(const Snapshot& before) {
   std::printf("clean: %d item%s reclaimed\n", reclaimed, reclaimed == 1 ? "" : "s");
 }
 
+const char kHelp[] =
+    "usage: ambit-ipcs [--json] [--check] [--clean] [--help]\n"
+    "\n"
+    "Shows this machine's two registries of libambit (named segments, System V\n"
+    "key 46065; named objects, in one of those segments), read-only.\n"
+    "  --json    the same for machines\n"
+    "  --check   verify the invariants, damaged table bytes included; exit 1\n"
+    "            naming each violation\n"
+    "  --clean   run the library's crash-cleanup passes (refused when the tables\n"
+    "            are damaged); with --check, check afterwards\n"
+    "\n"
+    "Removing a registry safely (when --check cannot be made to pass, or to\n"
+    "start afresh), as root or as the user who created the segments:\n"
+    "  1. Stop every program that uses libambit: every pid this listing shows\n"
+    "     must be dead. A process still attached keeps using the old segments\n"
+    "     while new processes make new ones, and the two never meet again.\n"
+    "  2. Remove the named segments first, keys 46066 to 47089 (ipcrm -M KEY for\n"
+    "     each key that `ipcs -m` lists in that range), then the registry,\n"
+    "     ipcrm -M 46065. A registry removed alone would hand the keys of the\n"
+    "     segments left behind to new names.\n"
+    "  3. Remove /tmp/ShareMemCreateTime-16AC6AB6-4CA6-4813-A086-53E43B469FF8.\n"
+    "     The lock files /tmp/Ambit-ipclock-* may stay (they hold no data).\n"
+    "The next process that uses the library makes a new, empty registry.\n";
+
 int Usage() {
-  std::fprintf(stderr, "usage: ambit-ipcs [--json] [--check] [--clean]\n");
+  std::fputs(kHelp, stderr);
   return 2;
 }
 
@@ -259,6 +284,8 @@ int main(int argc, char** argv) {
       check = true;
     else if (std::strcmp(argv[i], "--clean") == 0)
       clean = true;
+    else if (std::strcmp(argv[i], "--help") == 0)
+      return std::fputs(kHelp, stdout) < 0 ? 1 : 0;
     else
       return Usage();
   }
@@ -268,9 +295,17 @@ int main(int argc, char** argv) {
     std::printf(json ? "{\"registry\": null, \"nameMap\": null}\n" : "no registry on this machine\n");
     return 0;
   }
+  bool refused = false;
   if (clean) {
-    Clean(*snapshot);
-    TakeSnapshot(snapshot.get(), true);
+    // The library's cleanup passes trust the tables' indexes and names:
+    // never run them over damaged bytes.
+    refused = TablesDamaged(*snapshot);
+    if (refused) {
+      std::printf("clean: refused: the tables are damaged (see --check)\n");
+    } else {
+      Clean(*snapshot);
+      TakeSnapshot(snapshot.get(), true);
+    }
   }
   if (check) {
     const std::vector<Violation> violations = CheckInvariants(*snapshot, clean);
@@ -279,6 +314,7 @@ int main(int argc, char** argv) {
     std::printf("check: %zu violation%s\n", violations.size(), violations.size() == 1 ? "" : "s");
     return violations.empty() ? 0 : 1;
   }
+  if (refused) return 1;
   if (!clean) {
     if (json)
       PrintJson(*snapshot);
