@@ -18,5 +18,6 @@
 #include "ambit/thread.h"
 #include "ambit/timezone.h"
 #include "ambit/trace.h"
+#include "ambit/version.h"
 
 #endif  // AMBIT_AMBIT_H_
