@@ -11,6 +11,7 @@
 #include "ambit/export.h"
 #include "ambit/multievent.h"
 #include "ambit/mutex.h"
+#include "ambit/mutex_lock.h"
 #include "ambit/portable.h"
 #include "ambit/qos.h"
 #include "ambit/semaphore.h"
