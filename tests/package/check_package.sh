@@ -45,8 +45,8 @@ export PKG_CONFIG_PATH="$prefix/lib/pkgconfig"
 pkg-config --cflags ambit | grep -q -- '-m32' || fail "ambit.pc Cflags lack -m32"
 pkg-config --libs ambit | grep -q -- '-m32' || fail "ambit.pc Libs lack -m32"
 # shellcheck disable=SC2046
-g++ "$source/tests/package/consumer/main.cpp" -o "$work/pc-consumer" \
-  -DAMBIT_PACKAGE_VERSION="\"$(pkg-config --modversion ambit)\"" $(pkg-config --cflags --libs ambit)
+g++ "$source/tests/package/consumer/main.cpp" -o "$work/pc-consumer" $(pkg-config --cflags --libs ambit)
+file -L "$work/pc-consumer" | grep -q 'ELF 32-bit' || fail "the pkg-config consumer is not i386"
 LD_LIBRARY_PATH="$prefix/lib" "$work/pc-consumer"
 
 # 3. Every public header, compiled for the wrong target, stops with one
