@@ -348,6 +348,20 @@ TEST_F(IpcsTest, SaysSoWhenThereIsNoRegistry) {
   EXPECT_EQ(0, Ipcs({"--check"}).exitCode);
 }
 
+TEST_F(IpcsTest, CheckNamesSegmentsInTheKeyRangeWhenThereIsNoRegistry) {
+  const int id = ::shmget(shm_test::kFirstKey + 4, 128, IPC_CREAT | IPC_EXCL | 0600);
+  ASSERT_GE(id, 0);
+  const ChildResult check = Ipcs({"--check"});
+  const ChildResult table = Ipcs({});
+  ::shmctl(id, IPC_RMID, nullptr);
+  ExpectViolation(check, "orphan-segment",
+                  "key 46070 has a segment (shmid " + std::to_string(id) +
+                      ", 128 bytes) but there is no registry");
+  EXPECT_EQ(0, table.exitCode);
+  EXPECT_NE("", LineWith(table.output, {"0x0000b3f6", "(46070)", "perms 600", "128 bytes"}))
+      << table.output;
+}
+
 TEST_F(IpcsTest, TableShowsSegmentsObjectsAndDeadPids) {
   BuildRegistry(true);
   const std::string keeper = std::to_string(m_keeper->Pid());

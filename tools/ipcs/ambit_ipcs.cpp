@@ -344,6 +344,32 @@ int Explain(const std::string& code) {
   return known ? 0 : 1;
 }
 
+// Without a registry, segments in its key range are left over from an
+// earlier one (or belong to something else): shown, and problems for --check.
+int NoRegistry(bool json, bool check) {
+  const std::vector<SystemSegment> system =
+      ListSystemSegments(kRegistryKey, kFirstSegmentKey + kRegistryEntries - 1);
+  if (check) {
+    for (const SystemSegment& seg : system)
+      std::printf("violation: orphan-segment: key %d has a segment (shmid %d, %u bytes) but there "
+                  "is no registry\n",
+                  seg.key, seg.shmid, seg.size);
+    std::printf("check: %zu violation%s\n", system.size(), system.size() == 1 ? "" : "s");
+    return system.empty() ? 0 : 1;
+  }
+  if (json) {
+    std::printf("{\"registry\": null, \"nameMap\": null}\n");
+    return 0;
+  }
+  std::printf("no registry on this machine\n");
+  for (const SystemSegment& seg : system)
+    std::printf("  segment with key 0x%08x (%d): shmid %d, owner %s, perms %o, nattch %u, %u bytes, "
+                "created %s UTC\n",
+                static_cast<uint32_t>(seg.key), seg.key, seg.shmid, seg.owner.c_str(), seg.mode,
+                seg.nattch, seg.size, UtcText(seg.ctime).c_str());
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -367,10 +393,7 @@ int main(int argc, char** argv) {
   }
 
   std::unique_ptr<Snapshot> snapshot(new Snapshot);
-  if (!TakeSnapshot(snapshot.get(), true)) {
-    std::printf(json ? "{\"registry\": null, \"nameMap\": null}\n" : "no registry on this machine\n");
-    return 0;
-  }
+  if (!TakeSnapshot(snapshot.get(), true)) return NoRegistry(json, check);
   if (clean) {
     Clean(*snapshot);
     TakeSnapshot(snapshot.get(), true);
