@@ -7,8 +7,9 @@
 #   deps.sh bench    that, plus the benchmarks' own baselines
 set -u
 
-# Packages for the i386 build and the tests.
-core=(g++-multilib procps tzdata util-linux file pkg-config)
+# Packages for the i386 build and the tests (python3 turns the manual pages
+# into roff).
+core=(g++-multilib procps tzdata util-linux file pkg-config python3)
 # For the benchmarks (the i386 Google Benchmark beside the amd64 one) and the
 # fuzz target (clang with its libFuzzer runtime).
 extra=(libbenchmark-dev:i386 clang libclang-rt-14-dev)

@@ -11,6 +11,7 @@
 #include "ambit/export.h"
 #include "ambit/multievent.h"
 #include "ambit/mutex.h"
+#include "ambit/mutex_lock.h"
 #include "ambit/portable.h"
 #include "ambit/qos.h"
 #include "ambit/semaphore.h"
@@ -18,5 +19,6 @@
 #include "ambit/thread.h"
 #include "ambit/timezone.h"
 #include "ambit/trace.h"
+#include "ambit/version.h"
 
 #endif  // AMBIT_AMBIT_H_

@@ -312,7 +312,9 @@ class AMBIT_API CPortable {
                                             FILETIME* fileTime);
 };
 
+#ifndef AMBIT_WRONG_TARGET  // export.h has already said why
 static_assert(sizeof(CPortable::PUUID) == 16, "PUUID is 16 bytes");
+#endif
 
 // Boot time in seconds since 1970-01-01 UTC from "/proc/stat", or 0.
 AMBIT_API unsigned long getBootTime();
@@ -337,6 +339,7 @@ extern AMBIT_API unsigned long g_dwBootTime;
 // to when the current time cannot be converted.
 extern AMBIT_API const time_t g_timeDayOfInfamy;
 
+#ifndef AMBIT_WRONG_TARGET  // export.h has already said why
 static_assert(sizeof(CPortable::FILETIME) == 8, "FILETIME is 8 bytes");
 static_assert(sizeof(CPortable::SYSTEMTIME) == 16, "SYSTEMTIME is 16 bytes");
 
@@ -358,5 +361,6 @@ static_assert(offsetof(CPortable::_TIME_ZONE_INFORMATION, DaylightBias) == 168,
               "DaylightBias at 168");
 static_assert(sizeof(CPortable::_TIME_ZONE_INFORMATION) == 172,
               "_TIME_ZONE_INFORMATION is 172 bytes");
+#endif  // AMBIT_WRONG_TARGET
 
 #endif  // AMBIT_PORTABLE_H_

@@ -6,6 +6,7 @@
 #include <elf.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "gtest/gtest.h"
@@ -118,3 +119,23 @@ TEST(PublicApiTest, EveryFoundationNameIsCallableThroughTheSharedLibrary) {
 }
 
 }  // namespace
+
+TEST(PublicApiTest, ThePackageVersionIsVisibleToCodeAndNamesTheLoadedLibrary) {
+  EXPECT_EQ(std::to_string(AMBIT_VERSION_MAJOR) + "." + std::to_string(AMBIT_VERSION_MINOR) + "." +
+                std::to_string(AMBIT_VERSION_PATCH),
+            AMBIT_VERSION_STRING);
+  EXPECT_EQ(std::string("1.0.0"), AMBIT_VERSION_STRING);
+  EXPECT_EQ(10000, AMBIT_VERSION);
+  // The library this test runs with is libambit.so.<that version>.
+  Dl_info info;
+  ASSERT_NE(0, dladdr(reinterpret_cast<void*>(&CPortable::GetTickCount), &info));
+  char* real = realpath(info.dli_fname, nullptr);
+  ASSERT_NE(nullptr, real) << info.dli_fname;
+  const std::string file(real);
+  free(real);
+  EXPECT_EQ(file.size() - std::string("libambit.so.").size() - std::string(AMBIT_VERSION_STRING).size(),
+            file.rfind(std::string("libambit.so.") + AMBIT_VERSION_STRING))
+      << file;
+  // The product build text is a different thing and keeps its value.
+  EXPECT_EQ("19.43.1700.0", CPortable::getBuildVersion());
+}

@@ -1,5 +1,6 @@
 // The inspector, ambit-ipcs, run as a program against registries that the
 // tests build with real processes and then damage on purpose.
+#include <pwd.h>
 #include <signal.h>
 #include <sys/ipc.h>
 #include <sys/prctl.h>
@@ -9,6 +10,7 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <ctime>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -230,6 +232,14 @@ class NameMapView {
       if (name == Name(i)) return i;
     return -1;
   }
+  // The pid-slot record of `pid` in entry `i` (pid, uses, waits), or null.
+  uint32_t* Slot(int i, pid_t pid) {
+    for (int slot = 0; slot < 64; ++slot) {
+      uint32_t* record = U32(EntryAt(i) + kMapPids + 12 * static_cast<size_t>(slot));
+      if (record[0] == static_cast<uint32_t>(pid)) return record;
+    }
+    return nullptr;
+  }
 
  private:
   unsigned char* m_p = nullptr;
@@ -272,6 +282,13 @@ class IpcsTest : public ::testing::Test {
     m_command.Signal(kTryMutex);
     unsigned char answer = 0;
     return m_answer.WaitFor(10000, &answer) && answer == 1;
+  }
+
+  // Lets the keeper end normally, releasing what it holds.
+  void StopKeeper() {
+    m_command.Signal(kQuit);
+    EXPECT_EQ(0, m_keeper->Join(10000));
+    m_keeper.reset();
   }
 
   void TearDown() override {
@@ -333,6 +350,20 @@ TEST_F(IpcsTest, SaysSoWhenThereIsNoRegistry) {
   EXPECT_EQ(JsonValue::Null, root.Get("registry")->kind);
 
   EXPECT_EQ(0, Ipcs({"--check"}).exitCode);
+}
+
+TEST_F(IpcsTest, CheckNamesSegmentsInTheKeyRangeWhenThereIsNoRegistry) {
+  const int id = ::shmget(shm_test::kFirstKey + 4, 128, IPC_CREAT | IPC_EXCL | 0600);
+  ASSERT_GE(id, 0);
+  const ChildResult check = Ipcs({"--check"});
+  const ChildResult table = Ipcs({});
+  ::shmctl(id, IPC_RMID, nullptr);
+  ExpectViolation(check, "orphan-segment",
+                  "key 46070 has a segment (shmid " + std::to_string(id) +
+                      ", 128 bytes) but there is no registry");
+  EXPECT_EQ(0, table.exitCode);
+  EXPECT_NE("", LineWith(table.output, {"0x0000b3f6", "(46070)", "perms 600", "128 bytes"}))
+      << table.output;
 }
 
 TEST_F(IpcsTest, TableShowsSegmentsObjectsAndDeadPids) {
@@ -740,6 +771,249 @@ TEST(IpcsHelpTest, HelpSaysHowToRemoveARegistrySafely) {
   EXPECT_NE("", LineWith(r.output, {"ipcrm -M 46065"})) << r.output;
   EXPECT_NE("", LineWith(r.output, {"/tmp/ShareMemCreateTime-16AC6AB6-4CA6-4813-A086-53E43B469FF8"}))
       << r.output;
+}
+
+// --- The system's view of each segment, beside the registry's -------------
+
+std::string Hex8(key_t key) {
+  char buf[16];
+  std::snprintf(buf, sizeof buf, "0x%08x", static_cast<unsigned>(key));
+  return buf;
+}
+
+std::string UtcSeconds(time_t t) {
+  tm parts;
+  char buf[32];
+  ::gmtime_r(&t, &parts);
+  std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &parts);
+  return buf;
+}
+
+std::string OwnerOf(uid_t uid) {
+  const passwd* pw = ::getpwuid(uid);
+  return pw != nullptr ? pw->pw_name : std::to_string(uid);
+}
+
+TEST_F(IpcsTest, TableShowsEachSegmentAsTheSystemReportsIt) {
+  BuildRegistry(true);
+  int entry = -1;
+  {
+    RegistryView registry;
+    entry = registry.Find("ipcs-segment-a");
+  }
+  ASSERT_GE(entry, 0);
+  const key_t key = shm_test::kFirstKey + entry;
+  const int id = ::shmget(key, 0, 0);
+  shmid_ds ds;
+  ASSERT_EQ(0, ::shmctl(id, IPC_STAT, &ds));
+  // An orphan segment in the range shows up too.
+  const int orphan = ::shmget(shm_test::kFirstKey + 1010, 64, IPC_CREAT | IPC_EXCL | 0640);
+  ASSERT_GE(orphan, 0);
+
+  const ChildResult r = Ipcs({});
+  ::shmctl(orphan, IPC_RMID, nullptr);
+  ASSERT_EQ(0, r.exitCode) << r.output;
+  EXPECT_EQ(1u, ds.shm_nattch) << "the keeper is attached; the killed victim is not";
+  EXPECT_NE("", LineWith(r.output, {" " + Hex8(key) + " ", " " + std::to_string(key) + " ",
+                                    " " + std::to_string(id) + " ", " " + OwnerOf(ds.shm_perm.uid) + " ",
+                                    " 666 ", " 1 ", " 4096 ", UtcSeconds(ds.shm_ctime),
+                                    " ipcs-segment-a ", std::to_string(m_keeper->Pid()) + "(alive)",
+                                    std::to_string(m_victimPid) + "(dead)"}))
+      << r.output;
+  EXPECT_NE("", LineWith(r.output, {"0x0000b3f1", " 46065 ", " 536632 ", "(the registry itself)"}))
+      << r.output;
+  EXPECT_NE("", LineWith(r.output, {Hex8(shm_test::kFirstKey + 1010), " 640 ", " 0 ", " 64 ",
+                                    "(no registry entry)"}))
+      << r.output;
+}
+
+TEST_F(IpcsTest, JsonCarriesTheSystemViewOfEachSegment) {
+  BuildRegistry(false);
+  int entry = -1;
+  {
+    RegistryView registry;
+    entry = registry.Find("ipcs-segment-b");
+  }
+  ASSERT_GE(entry, 0);
+  const key_t key = shm_test::kFirstKey + entry;
+  shmid_ds ds;
+  const int id = ::shmget(key, 0, 0);
+  ASSERT_EQ(0, ::shmctl(id, IPC_STAT, &ds));
+
+  const ChildResult r = Ipcs({"--json"});
+  ASSERT_EQ(0, r.exitCode) << r.output;
+  JsonValue root;
+  ASSERT_TRUE(JsonReader(r.output).Parse(&root)) << r.output;
+  const JsonValue* registry = root.Get("registry");
+  ASSERT_NE(nullptr, registry);
+  const JsonValue* own = registry->Get("system");
+  ASSERT_NE(nullptr, own);
+  EXPECT_EQ(536632, own->Get("size")->number);
+  const JsonValue* b = FindByName(registry->Get("segments"), "ipcs-segment-b");
+  ASSERT_NE(nullptr, b) << r.output;
+  const JsonValue* sys = b->Get("system");
+  ASSERT_NE(nullptr, sys);
+  ASSERT_EQ(JsonValue::Object, sys->kind) << r.output;
+  EXPECT_EQ(key, sys->Get("key")->number);
+  EXPECT_EQ(Hex8(key), sys->Get("keyHex")->text);
+  EXPECT_EQ(id, sys->Get("shmid")->number);
+  EXPECT_EQ(OwnerOf(ds.shm_perm.uid), sys->Get("owner")->text);
+  EXPECT_EQ(ds.shm_perm.uid, sys->Get("uid")->number);
+  EXPECT_EQ(0666, sys->Get("perms")->number);
+  EXPECT_EQ(ds.shm_nattch, sys->Get("nattch")->number);
+  EXPECT_EQ(100, sys->Get("size")->number);
+  EXPECT_EQ(ds.shm_ctime, static_cast<time_t>(sys->Get("created")->number));
+  EXPECT_EQ(UtcSeconds(ds.shm_ctime), sys->Get("createdUtc")->text);
+  EXPECT_EQ(m_keeper->Pid(), static_cast<pid_t>(sys->Get("creatorPid")->number));
+  ASSERT_NE(nullptr, registry->Get("unregisteredSegments"));
+  EXPECT_EQ(0u, registry->Get("unregisteredSegments")->items.size());
+}
+
+// --- A mutex whose holder died ---------------------------------------------
+
+TEST_F(IpcsTest, ShowsADeadHolderAndWhetherLiveProcessesWaitForIt) {
+  BuildRegistry(true);
+  const std::string keeper = std::to_string(m_keeper->Pid());
+  const std::string victim = std::to_string(m_victimPid);
+  // Nobody waits yet: shown, but not a problem.
+  ChildResult r = Ipcs({});
+  EXPECT_NE("", LineWith(r.output, {"ipcs-mutex", "mutex", victim + "(dead)", " none "})) << r.output;
+  EXPECT_EQ(0, Ipcs({"--check"}).exitCode);
+
+  // The keeper's record says one of its threads waits.
+  NameMapView map;
+  ASSERT_TRUE(map.Attached());
+  const int entry = map.Find("ipcs-mutex");
+  ASSERT_GE(entry, 0);
+  uint32_t* slot = map.Slot(entry, m_keeper->Pid());
+  ASSERT_NE(nullptr, slot);
+  slot[2] = 1;
+
+  r = Ipcs({});
+  EXPECT_NE("", LineWith(r.output, {"ipcs-mutex", victim + "(dead)", " " + keeper + " ",
+                                    keeper + ":1/1(alive)"}))
+      << r.output;
+  const ChildResult json = Ipcs({"--json"});
+  JsonValue root;
+  ASSERT_TRUE(JsonReader(json.output).Parse(&root)) << json.output;
+  const JsonValue* mutex = FindByName(root.Get("nameMap")->Get("objects"), "ipcs-mutex");
+  ASSERT_NE(nullptr, mutex);
+  ASSERT_NE(nullptr, mutex->Get("holderAlive"));
+  EXPECT_FALSE(mutex->Get("holderAlive")->boolean);
+  ASSERT_EQ(1u, mutex->Get("liveWaiters")->items.size());
+  EXPECT_EQ(m_keeper->Pid(), static_cast<pid_t>(mutex->Get("liveWaiters")->items[0].number));
+
+  const ChildResult check = Ipcs({"--check"});
+  ExpectViolation(check, "dead-holder",
+                  "named mutex \"ipcs-mutex\" (entry " + std::to_string(entry) +
+                      ") is held by dead pid " + victim + " while live pids wait for it: " + keeper);
+  EXPECT_NE("", LineWith(check.output, {"check: 1 violation"})) << check.output;
+}
+
+TEST_F(IpcsTest, CheckIgnoresWaitsOfDeadProcessesAndLiveHolders) {
+  BuildRegistry(true);
+  NameMapView map;
+  ASSERT_TRUE(map.Attached());
+  const int entry = map.Find("ipcs-mutex");
+  ASSERT_GE(entry, 0);
+  // Only the dead victim's record says it waits: nobody alive is stuck.
+  uint32_t* victimSlot = map.Slot(entry, m_victimPid);
+  ASSERT_NE(nullptr, victimSlot);
+  victimSlot[2] = 1;
+  ChildResult r = Ipcs({"--check"});
+  EXPECT_EQ(0, r.exitCode) << r.output;
+  // A live holder with a live waiter is the ordinary case.
+  victimSlot[2] = 0;
+  map.Slot(entry, m_keeper->Pid())[2] = 1;
+  *map.U32(NameMapView::EntryAt(entry) + 268) = static_cast<uint32_t>(::getpid());
+  r = Ipcs({"--check"});
+  EXPECT_EQ(0, r.exitCode) << r.output;
+  EXPECT_NE("", LineWith(Ipcs({}).output, {"ipcs-mutex", std::to_string(::getpid()) + "(alive)"}));
+}
+
+// --- Segments left behind ----------------------------------------------------
+
+TEST_F(IpcsTest, CheckNamesSegmentsLeftBehindByProcessesThatAllExited) {
+  BuildRegistry(false);
+  Handshake made;
+  std::unique_ptr<ForkedChild> owner = Spawn([&made] {
+    CPSharedMemory left("ipcs-left-behind", 256);
+    made.Signal();
+    ::sleep(60);  // killed long before
+    return 4;
+  });
+  ASSERT_TRUE(owner->Started());
+  const pid_t pid = owner->Pid();
+  ASSERT_TRUE(made.WaitFor(10000));
+  EXPECT_EQ(0, Ipcs({"--check"}).exitCode) << "its owner still lives";
+  ::kill(pid, SIGKILL);
+  EXPECT_EQ(128 + SIGKILL, owner->Join(5000));
+
+  int entry = -1;
+  {
+    RegistryView registry;
+    entry = registry.Find("ipcs-left-behind");
+  }
+  ASSERT_GE(entry, 0);
+  const ChildResult r = Ipcs({"--check"});
+  ExpectViolation(r, "abandoned-segment",
+                  "registry entry " + std::to_string(entry) + " \"ipcs-left-behind\" (key " +
+                      std::to_string(shm_test::kFirstKey + entry) +
+                      ") is left behind: every process that used it has exited (pids " +
+                      std::to_string(pid) + ")");
+  EXPECT_NE("", LineWith(r.output, {"check: 1 violation"})) << r.output;
+
+  // The keeper's own segments are fine while it lives; once it has ended
+  // normally, only the table it never releases is left.
+  StopKeeper();
+  const ChildResult later = Ipcs({"--check"});
+  ExpectViolation(later, "abandoned-segment", "\"B1A1F31A-F8EB-4cbb-94F5-9328E259A28D\"");
+  EXPECT_EQ("", LineWith(later.output, {"abandoned-segment", "ipcs-segment-a"})) << later.output;
+
+  const ChildResult cleaned = Ipcs({"--clean", "--check"});
+  EXPECT_EQ(0, cleaned.exitCode) << cleaned.output;
+  EXPECT_NE("", LineWith(cleaned.output, {"check: 0 violations"})) << cleaned.output;
+}
+
+// --- Codes, help and version ------------------------------------------------
+
+TEST_F(IpcsTest, ExplainsExceptionCodesAndWaitResults) {
+  ChildResult r = Ipcs({"--explain", "0xC1210E14"});
+  EXPECT_EQ(0, r.exitCode) << r.output;
+  EXPECT_NE("", LineWith(r.output, {"0xC1210E14", "QK_E_OPEN_NAMED_OBJECT", "opened"})) << r.output;
+  r = Ipcs({"--explain", "0xe0000000"});
+  EXPECT_EQ(0, r.exitCode) << r.output;
+  EXPECT_NE("", LineWith(r.output, {"0xE0000000", "QK_WAIT_TIMEOUT", "time-out"})) << r.output;
+  // QKException::code is signed: the same code as printed with %ld.
+  r = Ipcs({"--explain", std::to_string(static_cast<long>(QK_E_SHARED_MEMORY))});
+  EXPECT_EQ(0, r.exitCode) << r.output;
+  EXPECT_NE("", LineWith(r.output, {"0xC1210E1C", "CPSharedMemory"})) << r.output;
+  r = Ipcs({"--explain", "0xC0000000"});
+  EXPECT_NE("", LineWith(r.output, {"CTerminateWait"})) << r.output;
+
+  r = Ipcs({"--explain", "0x12345678"});
+  EXPECT_EQ(1, r.exitCode) << r.output;
+  EXPECT_NE("", LineWith(r.output, {"0x12345678", "not a code of ambit"})) << r.output;
+  EXPECT_EQ(2, Ipcs({"--explain", "soon"}).exitCode);
+  EXPECT_EQ(2, Ipcs({"--explain"}).exitCode);
+  EXPECT_EQ(2, Ipcs({"--explain", "0xE0000000", "--json"}).exitCode);
+}
+
+TEST_F(IpcsTest, AnswersHelpAndVersionOnStandardOutput) {
+  // Only standard output is kept.
+  const ChildResult help =
+      RunProgram({"/bin/sh", "-c", std::string(AMBIT_IPCS_PATH) + " --help 2>/dev/null"}, {}, 30000);
+  EXPECT_EQ(0, help.exitCode);
+  EXPECT_EQ(0u, help.output.find("usage: ambit-ipcs")) << help.output;
+  EXPECT_NE(std::string::npos, help.output.find("--explain CODE")) << help.output;
+  const ChildResult version = Ipcs({"--version"});
+  EXPECT_EQ(0, version.exitCode);
+  EXPECT_EQ(std::string("ambit-ipcs (ambit) ") + AMBIT_VERSION_STRING + "\n", version.output);
+  const ChildResult wrong =
+      RunProgram({"/bin/sh", "-c", std::string(AMBIT_IPCS_PATH) + " --frobnicate 2>&1 >/dev/null"},
+                 {}, 30000);
+  EXPECT_EQ(2, wrong.exitCode);
+  EXPECT_NE(std::string::npos, wrong.output.find("unknown argument --frobnicate")) << wrong.output;
 }
 
 }  // namespace

@@ -31,11 +31,22 @@ inline std::string SelfPath() {
   return buf;
 }
 
-// A program built next to this one (the inspector sits beside the demo).
-inline std::string SiblingProgram(const char* name) {
+// The directory of the running program.
+inline std::string SelfDirectory() {
   const std::string self = SelfPath();
   const size_t slash = self.rfind('/');
-  return (slash == std::string::npos ? std::string(".") : self.substr(0, slash)) + "/" + name;
+  return slash == std::string::npos ? std::string(".") : self.substr(0, slash);
+}
+
+// A program built or installed next to this one (the inspector sits beside
+// the demo).
+inline std::string SiblingProgram(const char* name) { return SelfDirectory() + "/" + name; }
+
+// A helper file of the installed programs: `relativeDir` is where helpers
+// lie as seen from the programs' own directory (the same in the build tree
+// and in every installed or moved tree).
+inline std::string HelperPath(const char* relativeDir, const char* name) {
+  return SelfDirectory() + "/" + relativeDir + "/" + name;
 }
 
 // Returns when the process runs in the private namespaces that
