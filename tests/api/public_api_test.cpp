@@ -49,6 +49,23 @@ TEST(PublicApiTest, PublicNamesAreExportedAndInternalOnesHidden) {
   dlclose(self);
 }
 
+// A caller compiled against QKException(long, char*, long) links to these
+// symbols; the const char* form alone does not satisfy it.
+TEST(PublicApiTest, TheExceptionConstructorTakingACharPointerIsExported) {
+  void* self = dlopen("libambit.so.1", RTLD_NOW | RTLD_NOLOAD);
+  ASSERT_NE(nullptr, self) << dlerror();
+  EXPECT_NE(nullptr, dlsym(self, "_ZN11QKExceptionC1ElPcl"));  // complete object
+  EXPECT_NE(nullptr, dlsym(self, "_ZN11QKExceptionC2ElPcl"));  // base object
+  dlclose(self);
+  char file[] = "caller.cpp";
+  QKException e(QK_E_OUT_OF_MEMORY, file, 12);
+  EXPECT_STREQ("caller.cpp.12", e.where);
+  QKException literal(QK_E_OUT_OF_MEMORY, "literal.cpp", 3);
+  EXPECT_STREQ("literal.cpp.3", literal.where);
+  QKException none(QK_E_OUT_OF_MEMORY, NULL, 3);
+  EXPECT_STREQ("", none.where);
+}
+
 TEST(PublicApiTest, EveryFoundationNameIsCallableThroughTheSharedLibrary) {
   EXPECT_EQ("19.43.1700.0", CPortable::getBuildVersion());
   CPortable::CPDbgBreak();
