@@ -20,7 +20,6 @@
 #include <mutex>
 
 #include "timezone/tzif_reader.h"
-#include "trace/trace_impl.h"
 
 namespace {
 
@@ -245,12 +244,11 @@ bool ReadZoneFile(const std::string& path, std::string* content,
   return ok;
 }
 
+// The zone, or UTC when the name or its file cannot be used. Nothing is
+// reported: a bad zone silently reads as UTC.
 SZone* LoadZone(const std::string& root, const std::string& name) {
-  std::string error;
-  if (!IsPlainZoneName(name)) {
-    error = "not a zone name";
-  } else {
-    std::string content;
+  if (IsPlainZoneName(name)) {
+    std::string content, error;
     if (ReadZoneFile(root + "/" + name, &content, &error)) {
       SZone* zone = new SZone;
       zone->name = name;
@@ -262,8 +260,6 @@ SZone* LoadZone(const std::string& root, const std::string& name) {
       delete zone;
     }
   }
-  AMBIT_TRACE_ERROR("(Error) CZoneCache::LoadZone, zone \"%s\": %s; using UTC\n",
-                    name.c_str(), error.c_str());
   return MakeUtcZone(name);
 }
 
