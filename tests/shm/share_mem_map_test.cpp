@@ -516,6 +516,28 @@ TEST(AcquireReleaseTest, CaseVariantsShareOneEntryAndReleasingBothNeverRemovesId
   EXPECT_NE(nullptr, Acquire("after", 64)) << "the registry still works";
 }
 
+// An entry whose recorded id reads 0 (a damaged or half-written entry) must
+// not make the last release remove System V id 0, which in a fresh
+// namespace is the registry itself.
+TEST(AcquireReleaseTest, LastReleaseOfAnEntryRecordingIdZeroLeavesSegmentZeroAlone) {
+  ASSERT_NE(nullptr, get_shareMemMap());
+  RegistryView reg(true);
+  ASSERT_TRUE(reg.Attached());
+  ASSERT_EQ(0, reg.Id()) << "the registry holds id 0";
+  ASSERT_NE(nullptr, Acquire("zero", 4096));
+  ASSERT_EQ("zero", reg.Name(0));
+  const int32_t realId = reg.Shmid(0);
+  ASSERT_NE(0, realId);
+  const int32_t zero = 0;
+  std::memcpy(reg.Bytes() + RegistryView::EntryAt(0) + 260, &zero, sizeof zero);
+
+  Release("zero");
+  EXPECT_EQ(0, SegmentId(shm_test::kRegistryKey)) << "the registry segment is gone";
+  EXPECT_FALSE(MarkedForRemoval(0)) << "segment id 0 was removed";
+  EXPECT_NE(nullptr, Acquire("after", 64)) << "the registry still works";
+  ::shmctl(realId, IPC_RMID, nullptr);
+}
+
 TEST(AcquireReleaseTest, ReleasingACaseVariantLeavesAloneTheNameThatTookItsEntryMeanwhile) {
   void* p1 = Acquire("Variant", 4096);
   void* p2 = Acquire("VARIANT", 4096);
