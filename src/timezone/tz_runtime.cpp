@@ -148,7 +148,10 @@ int64_t RuleChange(const STzRuleDate& r, int64_t year, int32_t offset) {
     case STzRuleDate::MONTH_WEEK_DAY: {
       const int64_t first = DaysFromCivil(year, r.month, 1);
       const int firstWday = WeekDay(first);
-      int mday = (r.day - firstWday + 7) % 7;  // zero-based
+      // Zero-based; a weekday beyond 6 (only from a rule glibc parsed in
+      // part) moves on by whole days as in glibc.
+      int mday = r.day - firstWday;
+      if (mday < 0) mday += 7;
       const int monthDays =
           kMonthDays[r.month - 1] + (r.month == 2 && IsLeap(year) ? 1 : 0);
       for (int i = 1; i < r.week && mday + 7 < monthDays; ++i) mday += 7;
