@@ -234,10 +234,6 @@ class CRuleParser {
   const char* m_p;
 };
 
-}  // namespace
-
-namespace {
-
 // Reads a rule the way glibc's TZ parser does, keeping what it had read when
 // it stopped: the fields it fills in order (standard name and offset,
 // daylight name and offset, start date and time, end date and time) keep
