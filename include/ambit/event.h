@@ -10,12 +10,14 @@ class CPEventImpl;
 // Supplied by a caller to abandon a long wait: the waits of the library's
 // objects ask it before every slice of at most 5000 ms, and stop with
 // 0xC0000000 when it answers non-zero. The library never creates or deletes
-// one.
+// one. The check is the class's first virtual function, ahead of the
+// destructor: callers may supply any class with that layout, so its order
+// here is part of the binary interface.
 class AMBIT_API CTerminateWait {
  public:
-  virtual ~CTerminateWait() {}
   // Non-zero: stop waiting now. Called from the waiting thread.
   virtual int shouldTerminate() = 0;
+  virtual ~CTerminateWait() {}
 };
 
 // An auto-reset event that carries a word of wake bits. wake() ORs bits in

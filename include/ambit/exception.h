@@ -10,8 +10,14 @@
 class AMBIT_API QKException {
  public:
   // `where` becomes "file.line", cut to 269 characters; empty when file is
-  // null.
-  QKException(long code, const char* file, long line);
+  // null. The file name is only read.
+  QKException(long code, char* file, long line);
+  // The same for a constant file name such as a literal or __FILE__. It is a
+  // template so that a null file name picks the form above instead of being
+  // ambiguous between the two.
+  template <typename Unused = void>
+  QKException(long code, const char* file, long line)
+      : QKException(code, const_cast<char*>(file), line) {}
   virtual ~QKException();
 
   long code;        // one of the QK_E_ codes below

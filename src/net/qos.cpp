@@ -113,7 +113,10 @@ CPQoS::~CPQoS() {
     g_pCPQoSImpl = nullptr;
   }
   CPQoSImpl::m_critsecCPQoSImpl.leave(__LINE__);
-  m_pImpl = nullptr;
+  // A call on this object after its destruction must find no implementation.
+  // The compiler treats a plain store into an object whose lifetime is ending
+  // as dead and drops it; a volatile store is always kept.
+  *static_cast<CPQoSImpl* volatile*>(&m_pImpl) = nullptr;
 }
 
 unsigned long CPQoS::addSocket(int fd, bool udp, sockaddr* address) {

@@ -32,7 +32,9 @@ unsigned long long ClockTicksPerSecond(const unsigned long* auxv) {
 }
 
 unsigned long BootTimeFromStatFile(const char* path) {
-  long bootTime = 0;
+  // Read in 64 bits: a 32-bit long would stop at 2038, and the result, as
+  // unsigned 32-bit seconds, holds boot times up to 2106.
+  long long bootTime = 0;
   const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
     AMBIT_TRACE_ERROR("(Error) getBootTime, can't open /proc/stat\n");
@@ -48,7 +50,7 @@ unsigned long BootTimeFromStatFile(const char* path) {
         if (char* text = new (std::nothrow) char[length + 1]) {
           std::memcpy(text, value, length);
           text[length] = '\0';
-          std::sscanf(text, "%ld", &bootTime);
+          std::sscanf(text, "%lld", &bootTime);
           delete[] text;
         }
       }

@@ -70,6 +70,11 @@ bool LocalBrokenDownTime(int64_t seconds, tm* out) {
   return localtime_r(&t, out) != nullptr;
 }
 
+bool UtcBrokenDownTime(int64_t seconds, tm* out) {
+  const time_t t = static_cast<time_t>(seconds);
+  return gmtime_r(&t, out) != nullptr;
+}
+
 void LocalSystemTime(const WallClock& clock, CPortable::SYSTEMTIME* out) {
   const time_t now = static_cast<time_t>(clock.pfnSeconds());
   tm t;

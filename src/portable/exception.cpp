@@ -7,7 +7,7 @@
 #include "ambit/portable.h"
 #include "trace/trace_impl.h"
 
-QKException::QKException(long code, const char* file, long line) : code(code) {
+QKException::QKException(long code, char* file, long line) : code(code) {
   std::memset(where, 0, sizeof where);
   if (file != nullptr) {
     // At most 269 characters: a long file name loses the dot and the line.

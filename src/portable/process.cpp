@@ -57,10 +57,11 @@ unsigned long long CPortable::GetProcessStartTime(unsigned long pid) {
                                  g_ullHertz) +
       g_dwBootTime;
 
-  const time_t t = static_cast<time_t>(seconds);
+  // Converted with 64-bit seconds: unsigned 32-bit seconds reach 2106, and
+  // this file's time_t would wrap them after 2038.
   tm utc;
   std::memset(&utc, 0, sizeof utc);
-  gmtime_r(&t, &utc);
+  UtcBrokenDownTime(static_cast<int64_t>(seconds), &utc);
   SYSTEMTIME st;
   SystemTimeFromTm(utc, 0, &st);
   unsigned long long fileTime = 0;

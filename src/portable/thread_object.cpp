@@ -16,13 +16,15 @@ namespace {
 constexpr unsigned long kCategoryEvents = 4;
 constexpr unsigned long kCategoryLifeCycle = 16;
 constexpr unsigned long kLevelOrdinary = 2;
+constexpr unsigned long kLevelError = 64;
 constexpr long kStopBits = 0x8000000;
 constexpr unsigned long kStopPollMs = 200;
 
-#define THREAD_TRACE(category, ...)                                   \
-  do {                                                                \
-    if (g_pambittracing) traceImpl(category, kLevelOrdinary, __VA_ARGS__); \
+#define THREAD_TRACE_AT(category, level, ...)                \
+  do {                                                       \
+    if (g_pambittracing) traceImpl(category, level, __VA_ARGS__); \
   } while (0)
+#define THREAD_TRACE(category, ...) THREAD_TRACE_AT(category, kLevelOrdinary, __VA_ARGS__)
 
 // Marks the object stopped however the function is left, cancellation and
 // EndThread included, so that a destructor never waits for ever.
@@ -47,7 +49,8 @@ void RunThreadObject(void* raw) {
   } catch (abi::__forced_unwind&) {
     throw;  // thread cancellation must unwind on
   } catch (...) {
-    THREAD_TRACE(kCategoryEvents, "(Error) %s - had an exception\n", state->name.c_str());
+    THREAD_TRACE_AT(kCategoryEvents, kLevelError, "(Error) %s - had an exception\n",
+                    state->name.c_str());
   }
 }
 

@@ -27,6 +27,9 @@ constexpr WallClock kSystemWallClock = {&SystemWallSeconds,
 // Local broken-down time of `seconds`; false when it cannot be converted.
 bool LocalBrokenDownTime(int64_t seconds, tm* out);
 
+// UTC broken-down time of `seconds`; false when it cannot be converted.
+bool UtcBrokenDownTime(int64_t seconds, tm* out);
+
 // The calendar fields of a broken-down time as a SYSTEMTIME record.
 void SystemTimeFromTm(const tm& t, unsigned milliseconds, CPortable::SYSTEMTIME* out);
 

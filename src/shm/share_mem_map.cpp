@@ -384,7 +384,9 @@ void* CShareMemMap::acquireSharedMemory(std::string name, unsigned long dwSize,
       int found = -1, candidate = -1;
       for (int i = start; i < kRegistryEntries; ++i) {
         const SMEMMAPENTRY& e = reg->entries[i];
-        if (!IsFree(e) && ::strcasecmp(e.szName, name.c_str()) == 0) {
+        // An entry keeps the first kNameSize - 1 characters of its name, so
+        // a longer request matches on those.
+        if (!IsFree(e) && ::strncasecmp(e.szName, name.c_str(), kNameSize - 1) == 0) {
           found = i;
           break;
         }

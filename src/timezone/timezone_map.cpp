@@ -152,14 +152,18 @@ const std::string* CTimeZoneMap::Find(const char* windowsName,
 
 const char* CTimeZoneMap::WindowsTimeZoneStringToLinuxTimeZoneString(
     const char* windowsName) {
+  if (windowsName == nullptr) return kUnknownZone;  // no name: unknown
   const std::string* olson = Find(windowsName, std::strlen(windowsName));
   return olson != nullptr ? olson->c_str() : kUnknownZone;
 }
 
 char* CTimeZoneMap::MapTzInfo(const CPortable::_TIME_ZONE_INFORMATION* tzi,
                               char* zoneName, int size) {
+  // No record: no name, so the zone is unknown.
   const std::string* olson =
-      Find(tzi->StandardName, ::strnlen(tzi->StandardName, kStandardNameSize));
+      tzi == nullptr
+          ? nullptr
+          : Find(tzi->StandardName, ::strnlen(tzi->StandardName, kStandardNameSize));
   std::strncpy(zoneName, olson != nullptr ? olson->c_str() : kUnknownZoneMapped,
                static_cast<size_t>(size));
   return zoneName;

@@ -20,7 +20,6 @@
 #include <mutex>
 
 #include "timezone/tzif_reader.h"
-#include "trace/trace_impl.h"
 
 namespace {
 
@@ -149,7 +148,10 @@ int64_t RuleChange(const STzRuleDate& r, int64_t year, int32_t offset) {
     case STzRuleDate::MONTH_WEEK_DAY: {
       const int64_t first = DaysFromCivil(year, r.month, 1);
       const int firstWday = WeekDay(first);
-      int mday = (r.day - firstWday + 7) % 7;  // zero-based
+      // Zero-based; a weekday beyond 6 (only from a rule glibc parsed in
+      // part) moves on by whole days as in glibc.
+      int mday = r.day - firstWday;
+      if (mday < 0) mday += 7;
       const int monthDays =
           kMonthDays[r.month - 1] + (r.month == 2 && IsLeap(year) ? 1 : 0);
       for (int i = 1; i < r.week && mday + 7 < monthDays; ++i) mday += 7;
@@ -245,12 +247,11 @@ bool ReadZoneFile(const std::string& path, std::string* content,
   return ok;
 }
 
+// The zone, or UTC when the name or its file cannot be used. Nothing is
+// reported: a bad zone silently reads as UTC.
 SZone* LoadZone(const std::string& root, const std::string& name) {
-  std::string error;
-  if (!IsPlainZoneName(name)) {
-    error = "not a zone name";
-  } else {
-    std::string content;
+  if (IsPlainZoneName(name)) {
+    std::string content, error;
     if (ReadZoneFile(root + "/" + name, &content, &error)) {
       SZone* zone = new SZone;
       zone->name = name;
@@ -262,8 +263,6 @@ SZone* LoadZone(const std::string& root, const std::string& name) {
       delete zone;
     }
   }
-  AMBIT_TRACE_ERROR("(Error) CZoneCache::LoadZone, zone \"%s\": %s; using UTC\n",
-                    name.c_str(), error.c_str());
   return MakeUtcZone(name);
 }
 

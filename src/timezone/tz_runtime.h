@@ -16,8 +16,8 @@
 // life of the process (the parsed zones are never freed, so the tm_zone
 // pointers handed out stay valid). A zone whose file is missing, unreadable
 // or malformed, or whose name is not a plain relative zone name, behaves as
-// UTC (offset 0, abbreviation "UTC", no daylight time); the first use writes
-// one "(Error) " line to the trace log and later uses are silent.
+// UTC (offset 0, abbreviation "UTC", no daylight time), and nothing is
+// reported.
 //
 // Results follow glibc's localtime_r for the same file: before the first
 // transition the first standard-time type applies, from the last transition

@@ -21,7 +21,7 @@ int64_t ReadBe64(const unsigned char* p) {
 }
 
 struct SHeader {
-  char version;  // 0, '2', '3' or '4'
+  char version;  // 0: 32-bit data only; anything else: version 2 or later
   uint32_t isutcnt, isstdcnt, leapcnt, timecnt, typecnt, charcnt;
 };
 
@@ -36,11 +36,9 @@ bool ReadHeader(const unsigned char* data, size_t size, size_t pos,
     *error = "bad magic";
     return false;
   }
+  // Any version byte other than 0 means "64-bit data follows", as glibc
+  // reads it: a later or damaged version byte does not cost the data.
   h->version = static_cast<char>(p[4]);
-  if (h->version != 0 && (h->version < '2' || h->version > '4')) {
-    *error = "unknown version";
-    return false;
-  }
   h->isutcnt = ReadBe32(p + 20);
   h->isstdcnt = ReadBe32(p + 24);
   h->leapcnt = ReadBe32(p + 28);
@@ -236,7 +234,202 @@ class CRuleParser {
   const char* m_p;
 };
 
+// Reads a rule the way glibc's TZ parser does, keeping what it had read when
+// it stopped: the fields it fills in order (standard name and offset,
+// daylight name and offset, start date and time, end date and time) keep
+// the values read so far, numbers included, and the rest stay zero. Numbers
+// are read as scanf's %hu reads them.
+class CGlibcRuleParser {
+ public:
+  explicit CGlibcRuleParser(const char* text) : m_p(text) {}
+
+  void Parse(STzPosixRule* out) {
+    *out = STzPosixRule();
+    out->start = ZeroDate();
+    out->end = ZeroDate();
+    if (!ParseName(&out->stdName)) {
+      out->dstName.clear();
+      return;  // UTC, unnamed
+    }
+    if (!ParseOffset(true, 0, &out->stdOffset)) {
+      out->stdOffset = 0;
+      out->dstName.clear();
+      return;  // named, offset 0, daylight part unnamed and never in force
+    }
+    if (!ParseName(&out->dstName)) {
+      // No daylight part.
+      out->dstName = out->stdName;
+      out->dstOffset = out->stdOffset;
+      return;
+    }
+    out->hasDst = true;
+    ParseOffset(false, out->stdOffset, &out->dstOffset);
+    if (ParseDate(&out->start, true)) ParseDate(&out->end, false);
+  }
+
+ private:
+  static STzRuleDate ZeroDate() {
+    STzRuleDate d;
+    d.kind = STzRuleDate::JULIAN0;
+    d.day = 0;
+    d.secs = 0;
+    return d;
+  }
+  static bool IsAlpha(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+  static bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+  static bool IsSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+  // scanf's %hu at p: blanks, a sign, digits read as an unsigned long
+  // (saturating; a minus negates), stored in 16 bits. Advances p past them.
+  static bool ScanUShort(const char** p, unsigned* value) {
+    const char* q = *p;
+    while (IsSpace(*q)) ++q;
+    bool negative = false;
+    if (*q == '+' || *q == '-') negative = *q++ == '-';
+    if (!IsDigit(*q)) return false;
+    uint64_t v = 0;
+    bool overflow = false;
+    for (; IsDigit(*q); ++q) {
+      v = v * 10 + static_cast<unsigned>(*q - '0');
+      if (v > 0xFFFFFFFFull) {
+        overflow = true;
+        v = 0xFFFFFFFFull;
+      }
+    }
+    uint32_t u = overflow ? 0xFFFFFFFFu : static_cast<uint32_t>(v);
+    if (negative && !overflow) u = 0u - u;
+    *value = u & 0xFFFFu;
+    *p = q;
+    return true;
+  }
+
+  // "%hu%n:%hu%n:%hu%n": up to three numbers; how many were read, and the
+  // position after the last one read.
+  static int ScanClock(const char* p, unsigned v[3], const char** end) {
+    *end = p;
+    int n = 0;
+    const char* q = p;
+    for (; n < 3; ++n) {
+      if (n > 0) {
+        if (*q != ':') break;
+        ++q;
+      }
+      if (!ScanUShort(&q, &v[n])) break;
+      *end = q;
+    }
+    return n;
+  }
+
+  bool ParseName(std::string* name) {
+    const char* p = m_p;
+    while (IsAlpha(*p)) ++p;
+    if (p - m_p >= 3) {
+      name->assign(m_p, p);
+      m_p = p;
+      return true;
+    }
+    p = m_p;
+    if (*p++ != '<') return false;
+    const char* begin = p;
+    while (IsAlpha(*p) || IsDigit(*p) || *p == '+' || *p == '-') ++p;
+    if (*p != '>' || p - begin < 3) return false;
+    name->assign(begin, p);
+    m_p = p + 1;
+    return true;
+  }
+
+  // The text counts west of Greenwich, hours capped at 24, minutes and
+  // seconds at 59; the result is seconds east. Without digits the standard
+  // offset fails (as 0) and the daylight one is an hour ahead of standard.
+  bool ParseOffset(bool standard, int32_t stdOffset, int32_t* offset) {
+    const char* p = m_p;
+    if (standard && *p != '+' && *p != '-' && !IsDigit(*p)) return false;
+    int32_t sign = -1;
+    if (*p == '+' || *p == '-') sign = *p++ == '-' ? 1 : -1;
+    unsigned v[3] = {0, 0, 0};
+    const char* end;
+    if (ScanClock(p, v, &end) > 0) {
+      const int32_t hh = static_cast<int32_t>(v[0] < 24 ? v[0] : 24);
+      const int32_t mm = static_cast<int32_t>(v[1] < 59 ? v[1] : 59);
+      const int32_t ss = static_cast<int32_t>(v[2] < 59 ? v[2] : 59);
+      *offset = sign * (hh * 3600 + mm * 60 + ss);
+    } else if (standard) {
+      *offset = 0;
+      return false;
+    } else {
+      *offset = stdOffset + 3600;
+    }
+    m_p = end;
+    return true;
+  }
+
+  bool ParseDate(STzRuleDate* d, bool start) {
+    const char* p = m_p;
+    if (*p == ',') ++p;
+    if (*p == 'J' || IsDigit(*p)) {
+      const bool julian1 = *p == 'J';
+      d->kind = julian1 ? STzRuleDate::JULIAN1 : STzRuleDate::JULIAN0;
+      if (julian1 && !IsDigit(*++p)) return false;
+      uint64_t v = 0;
+      for (; IsDigit(*p); ++p) v = v < 1000 ? v * 10 + static_cast<unsigned>(*p - '0') : v;
+      if (v > 365 || (julian1 && v == 0)) return false;
+      d->day = static_cast<int>(v);
+    } else if (*p == 'M') {
+      d->kind = STzRuleDate::MONTH_WEEK_DAY;
+      d->month = 1;  // see below
+      ++p;
+      unsigned v[3] = {0, 0, 0};
+      int n = 0;
+      for (; n < 3; ++n) {
+        if (n > 0) {
+          if (*p != '.') break;
+          ++p;
+        }
+        if (!ScanUShort(&p, &v[n])) break;
+      }
+      // Month, week and day as far as they were read. glibc reads its month
+      // table outside the year for a month out of range or not read; the
+      // nearest month stands in for it here.
+      if (n >= 1) d->month = v[0] < 1 ? 1 : v[0] > 12 ? 12 : static_cast<int>(v[0]);
+      if (n >= 2) d->week = static_cast<int>(v[1]);
+      if (n >= 3) d->day = static_cast<int>(v[2]);
+      if (n < 3 || v[0] < 1 || v[0] > 12 || v[1] < 1 || v[1] > 5 || v[2] > 6) return false;
+    } else if (*p == '\0') {
+      // No date: the United States rule.
+      d->kind = STzRuleDate::MONTH_WEEK_DAY;
+      d->month = start ? 3 : 11;
+      d->week = start ? 2 : 1;
+      d->day = 0;
+    } else {
+      return false;
+    }
+    if (*p != '\0' && *p != '/' && *p != ',') return false;
+    if (*p == '/') {
+      ++p;
+      if (*p == '\0') return false;
+      const bool negative = *p == '-';
+      p += negative;
+      unsigned v[3] = {2, 0, 0};  // 02:00 when no hour can be read
+      const char* end;
+      ScanClock(p, v, &end);
+      p = end;
+      const int32_t secs = static_cast<int32_t>(v[0] * 3600 + v[1] * 60 + v[2]);
+      d->secs = negative ? -secs : secs;
+    } else {
+      d->secs = 7200;
+    }
+    m_p = p;
+    return true;
+  }
+
+  const char* m_p;
+};
+
 }  // namespace
+
+void ParsePosixRuleAsGlibc(const std::string& text, STzPosixRule* out) {
+  CGlibcRuleParser(text.c_str()).Parse(out);
+}
 
 bool ParsePosixRule(const std::string& text, STzPosixRule* out) {
   if (text.find('\0') != std::string::npos) return false;
@@ -257,33 +450,28 @@ bool ParseTzif(const unsigned char* data, size_t size, SParsedZone* out,
     return false;
   }
   size_t pos = static_cast<size_t>(skip);
+  // The second header's version byte is not looked at, as glibc does not.
   if (!ReadHeader(data, size, pos, &h, error)) return false;
-  if (h.version == 0) {
-    *error = "second header without version";
-    return false;
-  }
   pos += kHeaderSize;
   if (!ReadDataBlock(data, size, pos, h, 8, out, error)) return false;
   pos += static_cast<size_t>(DataBlockSize(h, 8));
 
-  // Footer: "\n" rule "\n"; an empty rule means none.
-  if (pos >= size || data[pos] != '\n') {
+  // The footer, framed as glibc frames it: at least two bytes must follow
+  // the data, or the file is rejected; the rule is what lies between a
+  // leading newline and the last byte (which should be a newline, but is
+  // dropped whatever it is), up to any zero byte. Without the leading
+  // newline, or with an empty rule, the last type stays in force.
+  if (size - pos < 2) {
     *error = "missing footer";
     return false;
   }
-  const unsigned char* begin = data + pos + 1;
-  const unsigned char* nl = static_cast<const unsigned char*>(
-      std::memchr(begin, '\n', size - pos - 1));
-  if (nl == nullptr) {
-    *error = "unterminated footer";
-    return false;
-  }
-  const std::string text(reinterpret_cast<const char*>(begin),
-                         static_cast<size_t>(nl - begin));
-  out->hasRule = !text.empty();
-  if (out->hasRule && !ParsePosixRule(text, &out->rule)) {
-    *error = "bad footer rule \"" + text + "\"";
-    return false;
-  }
+  out->hasRule = false;
+  if (data[pos] != '\n') return true;
+  const char* begin = reinterpret_cast<const char*>(data + pos + 1);
+  const std::string text(begin, ::strnlen(begin, size - pos - 2));
+  if (text.empty()) return true;
+  out->hasRule = true;
+  // A rule that does not parse is used as far as glibc gets with it.
+  if (!ParsePosixRule(text, &out->rule)) ParsePosixRuleAsGlibc(text, &out->rule);
   return true;
 }

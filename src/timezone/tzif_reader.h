@@ -6,8 +6,11 @@
 #include <string>
 #include <vector>
 
-// Parsing of compiled tz database files (TZif, versions 1 to 4) and of the
-// POSIX TZ rule a version 2+ file carries in its footer. Pure functions over
+// Parsing of compiled tz database files (TZif) and of the POSIX TZ rule a
+// version 2+ file carries in its footer. Damage is judged as glibc judges
+// it, so that a file reads the same here as through localtime_r: a version
+// byte other than 0 means version 2 or later whatever its value, and a
+// footer whose rule does not parse keeps the file's transitions. Pure functions over
 // bytes: no file access, no global state, so they are safe from any thread
 // and can be fed arbitrary (corrupt, truncated) input. Every count and index
 // read from the data is checked before use.
@@ -56,8 +59,12 @@ struct SParsedZone {
 
 // Parses a whole TZif file. Version 1 files use their 32-bit block, later
 // versions their 64-bit block and footer. Leap-second records are skipped
-// (the zones of the Windows table have none). On failure returns false and
-// sets *error to a short reason; *out is then unspecified.
+// (the zones of the Windows table have none). A version 2+ file needs at
+// least two bytes after its data; its rule is the text between a leading
+// newline and the last byte, read with ParsePosixRule or, when that fails,
+// ParsePosixRuleAsGlibc. No leading newline or an empty text: no rule. On
+// failure returns false and sets *error to a short reason; *out is then
+// unspecified.
 bool ParseTzif(const unsigned char* data, size_t size, SParsedZone* out,
                std::string* error);
 
@@ -65,5 +72,12 @@ bool ParseTzif(const unsigned char* data, size_t size, SParsedZone* out,
 // hour range -167..167 of later TZif versions. A daylight part without
 // change dates takes the United States rule (M3.2.0, M11.1.0) as glibc does.
 bool ParsePosixRule(const std::string& text, STzPosixRule* out);
+
+// Reads a rule that ParsePosixRule refuses the way glibc's TZ parser does:
+// what was read before the first error is kept, numbers and all, and the
+// rest is zero (a change date of day 0 at 00:00). Without a standard name
+// the rule is unnamed UTC; without a standard offset it is the standard
+// name at offset 0; without a daylight name there is no daylight time.
+void ParsePosixRuleAsGlibc(const std::string& text, STzPosixRule* out);
 
 #endif  // AMBIT_TIMEZONE_TZIF_READER_H_

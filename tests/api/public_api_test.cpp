@@ -10,6 +10,7 @@
 #include <string>
 
 #include "gtest/gtest.h"
+#include "support/forked_child.h"
 
 namespace {
 
@@ -47,6 +48,23 @@ TEST(PublicApiTest, PublicNamesAreExportedAndInternalOnesHidden) {
   EXPECT_EQ(nullptr, dlsym(self, "_Z17SystemWallSecondsv"));
   EXPECT_EQ(nullptr, dlsym(self, "g_traceClock"));
   dlclose(self);
+}
+
+// A caller compiled against QKException(long, char*, long) links to these
+// symbols; the const char* form alone does not satisfy it.
+TEST(PublicApiTest, TheExceptionConstructorTakingACharPointerIsExported) {
+  void* self = dlopen("libambit.so.1", RTLD_NOW | RTLD_NOLOAD);
+  ASSERT_NE(nullptr, self) << dlerror();
+  EXPECT_NE(nullptr, dlsym(self, "_ZN11QKExceptionC1ElPcl"));  // complete object
+  EXPECT_NE(nullptr, dlsym(self, "_ZN11QKExceptionC2ElPcl"));  // base object
+  dlclose(self);
+  char file[] = "caller.cpp";
+  QKException e(QK_E_OUT_OF_MEMORY, file, 12);
+  EXPECT_STREQ("caller.cpp.12", e.where);
+  QKException literal(QK_E_OUT_OF_MEMORY, "literal.cpp", 3);
+  EXPECT_STREQ("literal.cpp.3", literal.where);
+  QKException none(QK_E_OUT_OF_MEMORY, NULL, 3);
+  EXPECT_STREQ("", none.where);
 }
 
 TEST(PublicApiTest, EveryFoundationNameIsCallableThroughTheSharedLibrary) {
@@ -116,6 +134,60 @@ TEST(PublicApiTest, EveryFoundationNameIsCallableThroughTheSharedLibrary) {
   tm now;
   AmbitTrace::GetCurTime(&now);
   EXPECT_GE(now.tm_year, 100);
+}
+
+// A caller's stop check written from the documented layout alone: the check
+// is the first virtual function, the destructor comes after it, and the
+// class does not derive from the library's CTerminateWait.
+class CallerTerminateWait {
+ public:
+  virtual int shouldStop() {
+    ++m_calls;
+    return 1;
+  }
+  virtual ~CallerTerminateWait() {}
+  int m_calls = 0;
+};
+
+// Runs one wait in a child process with a caller-side stop check that asks
+// to stop at once. 0: the wait asked the check once and returned
+// 0xC0000000; 1: another result; 2: the check was not asked exactly once. A
+// wait that calls another virtual slot ends the child with a signal.
+template <typename Wait>
+int WaitAbandonedByCallerCheck(Wait wait) {
+  ForkedChild child([&] {
+    CallerTerminateWait check;
+    const unsigned long r = wait(reinterpret_cast<CTerminateWait*>(&check));
+    if (r != 0xC0000000UL) return 1;
+    return check.m_calls == 1 ? 0 : 2;
+  });
+  if (!child.Started()) return -2;
+  return child.Join(10000);
+}
+
+TEST(PublicApiTest, EveryWaitCallsTheFirstVirtualFunctionOfTheStopCheck) {
+  EXPECT_EQ(0, WaitAbandonedByCallerCheck([](CTerminateWait* t) {
+              CPEvent event(1, "", 0);
+              return event.wait(1000, t);
+            })) << "CPEvent";
+  EXPECT_EQ(0, WaitAbandonedByCallerCheck([](CTerminateWait* t) {
+              CPEventEx event(0);
+              if (event.Initialize(1, "") != 0) return 0xD0000000UL;
+              return event.wait(1000, t);
+            })) << "CPEventEx";
+  EXPECT_EQ(0, WaitAbandonedByCallerCheck([](CTerminateWait* t) {
+              CPMutex mutex(1, 0, "", 1, 0);
+              return mutex.wait(1000, t);
+            })) << "CPMutex";
+  EXPECT_EQ(0, WaitAbandonedByCallerCheck([](CTerminateWait* t) {
+              CPSemaphore semaphore(1, 0, 1, "", 0);
+              return semaphore.wait(1000, t);
+            })) << "CPSemaphore";
+  EXPECT_EQ(0, WaitAbandonedByCallerCheck([](CTerminateWait* t) {
+              CPMultiEvent multi(0);
+              multi.pushEvent(7);
+              return static_cast<unsigned long>(multi.wait(1000, t));
+            })) << "CPMultiEvent";
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // another process sees, enumeration and the dump.
 #include "names/name_map.h"
 
+#include <dirent.h>
 #include <semaphore.h>
 #include <unistd.h>
 
@@ -16,6 +17,7 @@
 #include "gtest/gtest.h"
 #include "names/names_support.h"
 #include "names/table_reader.h"
+#include "support/child_process.h"
 #include "support/log_capture.h"
 #include "support/recording_hook.h"
 
@@ -602,6 +604,41 @@ TEST_F(NameMapTableTest, ASixtyFifthSeparateProcessCannotEvenAttachTheTable) {
   EXPECT_EQ(0, users.FinishAll());
   EXPECT_EQ(1, CountContaining(log.Lines(), "(Error) CShareMemMap::acquireSharedMemory - out of pid slots"))
       << Joined(log.Lines());
+}
+
+// The descriptors this process holds on files whose path contains `part`,
+// as "fd -> path" lines of its /proc/self/fd.
+std::vector<std::string> OwnDescriptorsOn(const std::string& part) {
+  std::vector<std::string> found;
+  DIR* dir = ::opendir("/proc/self/fd");
+  if (dir == nullptr) return found;
+  while (const dirent* d = ::readdir(dir)) {
+    char target[512];
+    const std::string link = std::string("/proc/self/fd/") + d->d_name;
+    const ssize_t n = ::readlink(link.c_str(), target, sizeof target - 1);
+    if (n <= 0) continue;
+    target[n] = '\0';
+    if (std::strstr(target, part.c_str()) != nullptr)
+      found.push_back(std::string(d->d_name) + " -> " + target);
+  }
+  ::closedir(dir);
+  return found;
+}
+
+// A program the caller starts with exec must not inherit the registries'
+// lock files: it would keep their flocks alive after this process let go.
+TEST_F(NameMapTableTest, TheRegistriesLockFilesAreNotInheritedByAnExecutedProgram) {
+  ASSERT_NE(nullptr, get_nameMap());  // builds both registries
+  const std::vector<std::string> mine = OwnDescriptorsOn("/Ambit-ipclock-");
+  std::string list;
+  for (const std::string& line : mine) list += line + "\n";
+  ASSERT_NE(std::string::npos, list.find("/tmp/Ambit-ipclock-CShareMemMap")) << list;
+  ASSERT_NE(std::string::npos, list.find("/tmp/Ambit-ipclock-CNameMap")) << list;
+
+  const ChildResult r = RunProgram({"/bin/ls", "-l", "/proc/self/fd/"}, {}, 10000);
+  ASSERT_EQ(0, r.exitCode) << r.output;
+  ASSERT_NE(std::string::npos, r.output.find("/proc/")) << r.output;  // its own listing
+  EXPECT_EQ(std::string::npos, r.output.find("Ambit-ipclock-")) << r.output;
 }
 
 }  // namespace

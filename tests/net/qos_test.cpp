@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -206,6 +208,28 @@ TEST_F(QoSTest, LastObjectDestroysTheSetAndANewOneStartsEmpty) {
   CPQoS fresh;
   EXPECT_EQ(0u, fresh.setQoS(0x20));
   EXPECT_EQ(0x10, TosOf(udp.Fd()));  // the new set is empty
+}
+
+// Calls reach a destroyed object's storage when a caller keeps using it
+// after destruction; the cleared pointer turns them into 0xC1210E21 instead
+// of work on the shared set, or on freed memory once the set is gone.
+TEST_F(QoSTest, ADestroyedObjectAnswersEveryOperationWithoutItsImplementation) {
+  const unsigned long kNoImplementation = 0xC1210E21UL;
+  Socket udp(SOCK_DGRAM);
+  CPQoS keeper;  // keeps the shared set alive, so no call below touches freed memory
+  alignas(CPQoS) unsigned char storage[sizeof(CPQoS)];
+  CPQoS* destroyed = new (storage) CPQoS;
+  destroyed->~CPQoS();
+  void* pointer = &storage;  // the object's only member
+  std::memcpy(&pointer, storage, sizeof pointer);
+  EXPECT_EQ(nullptr, pointer);
+  int lastErrno = -1;
+  EXPECT_EQ(kNoImplementation, destroyed->addSocket(udp.Fd(), true, nullptr));
+  EXPECT_EQ(kNoImplementation, destroyed->setQoS(0x10));
+  EXPECT_EQ(kNoImplementation, destroyed->remSocket(udp.Fd()));
+  EXPECT_EQ(kNoImplementation, destroyed->getLastError(&lastErrno));
+  EXPECT_EQ(0, TosOf(udp.Fd()));  // never marked
+  EXPECT_EQ(1u, CPQoSImpl::m_dwCPQoSImplUseCount);
 }
 
 TEST_F(QoSTest, OperationsWriteTheirEventCategoryLines) {

@@ -87,6 +87,23 @@ TEST(ProcessStartTimeTest, MissingProcessGivesTheBootTimeAndOneErrorLine) {
             log.Lines());
 }
 
+// The boot time is unsigned 32-bit seconds and so reaches 2106; the start
+// time built on it must not wrap at 2038 to 1901 or 1970.
+TEST(ProcessStartTimeTest, StartTimesAfter2038AreNotWrapped) {
+  const unsigned long saved = g_dwBootTime;
+  const unsigned long missing = 0x7FFFFFF0;  // above any pid_max: 0 ticks
+  std::vector<unsigned long long> got;
+  for (unsigned long boot : {2147483647UL, 2147483648UL, 2200000000UL, 4000000000UL}) {
+    g_dwBootTime = boot;
+    got.push_back(CPortable::GetProcessStartTime(missing));
+  }
+  g_dwBootTime = saved;
+  EXPECT_EQ(FileTimeOfSeconds(2147483647ULL), got[0]);
+  EXPECT_EQ(FileTimeOfSeconds(2147483648ULL), got[1]);  // 2038-01-19 03:14:08
+  EXPECT_EQ(FileTimeOfSeconds(2200000000ULL), got[2]);  // 2039-09-18
+  EXPECT_EQ(FileTimeOfSeconds(4000000000ULL), got[3]);  // 2096-10-02
+}
+
 TEST(ClockTickTest, AuxiliaryVectorEntry17GivesTheRate) {
   const unsigned long auxv[] = {33, 0xdead, 17, 250, 6, 4096, 0, 0};
   EXPECT_EQ(250u, ClockTicksPerSecond(auxv));
@@ -142,6 +159,15 @@ TEST(BootTimeTest, OnlyTheFirst2048BytesAreSearched) {
   LogCapture log;
   EXPECT_EQ(0u, BootTimeFromStatFile(far.c_str()));
   EXPECT_EQ(std::vector<std::string>{"(Error) getBootTime failed"}, log.Lines());
+}
+
+TEST(BootTimeTest, ABootTimeAfter2038IsReadWhole) {
+  TempDir dir;
+  const std::string late = dir.Path() + "/late", last = dir.Path() + "/last";
+  std::ofstream(late) << "cpu 1 2 3\nbtime 2200000000\nprocesses 5\n";
+  std::ofstream(last) << "btime 4294967295\n";
+  EXPECT_EQ(2200000000u, BootTimeFromStatFile(late.c_str()));
+  EXPECT_EQ(4294967295u, BootTimeFromStatFile(last.c_str()));
 }
 
 TEST(BootTimeTest, ValueWithoutANewlineIsNotRead) {

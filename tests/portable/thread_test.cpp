@@ -501,6 +501,22 @@ TEST(CPThreadTest, FunctionThatThrowsIsTracedAndStillStops) {
             IndexOf(lines, "thrower - stopping\n"));
 }
 
+TEST(CPThreadTest, AFunctionsExceptionIsTracedAsAnErrorLine) {
+  RecordingHook hook;
+  hook.Install();
+  {
+    CPThread thread("leveled", &Throw, nullptr, nullptr);
+  }
+  int found = 0;
+  for (const RecordingHook::Line& l : hook.Lines())
+    if (l.text == "(Error) leveled - had an exception\n") {
+      ++found;
+      EXPECT_EQ(4u, l.category);
+      EXPECT_EQ(64u, l.level);
+    }
+  EXPECT_EQ(1, found);
+}
+
 TEST(CPThreadTest, NoLinesWithoutAHook) {
   RecordingHook hook;
   hook.Install();

@@ -580,6 +580,28 @@ TEST(AcquireReleaseTest, CaseVariantsShareOneEntryAndReleasingBothNeverRemovesId
   EXPECT_NE(nullptr, Acquire("after", 64)) << "the registry still works";
 }
 
+// An entry whose recorded id reads 0 (a damaged or half-written entry) must
+// not make the last release remove System V id 0, which in a fresh
+// namespace is the registry itself.
+TEST(AcquireReleaseTest, LastReleaseOfAnEntryRecordingIdZeroLeavesSegmentZeroAlone) {
+  ASSERT_NE(nullptr, get_shareMemMap());
+  RegistryView reg(true);
+  ASSERT_TRUE(reg.Attached());
+  ASSERT_EQ(0, reg.Id()) << "the registry holds id 0";
+  ASSERT_NE(nullptr, Acquire("zero", 4096));
+  ASSERT_EQ("zero", reg.Name(0));
+  const int32_t realId = reg.Shmid(0);
+  ASSERT_NE(0, realId);
+  const int32_t zero = 0;
+  std::memcpy(reg.Bytes() + RegistryView::EntryAt(0) + 260, &zero, sizeof zero);
+
+  Release("zero");
+  EXPECT_EQ(0, SegmentId(shm_test::kRegistryKey)) << "the registry segment is gone";
+  EXPECT_FALSE(MarkedForRemoval(0)) << "segment id 0 was removed";
+  EXPECT_NE(nullptr, Acquire("after", 64)) << "the registry still works";
+  ::shmctl(realId, IPC_RMID, nullptr);
+}
+
 TEST(AcquireReleaseTest, ReleasingACaseVariantLeavesAloneTheNameThatTookItsEntryMeanwhile) {
   void* p1 = Acquire("Variant", 4096);
   void* p2 = Acquire("VARIANT", 4096);
@@ -644,12 +666,12 @@ TEST(AcquireReleaseTest, LongNameIsCutTo254CharactersWithoutTouchingTheFieldsBeh
   EXPECT_EQ("neighbour", reg.Name(0));
   EXPECT_EQ(128u, reg.Size(0));
 
-  // The stored text is not the name, so another process does not find it
-  // and claims an entry of its own; the registry stays in order.
+  // Another process asking for the same long name finds the entry by the
+  // characters it keeps and claims no entry of its own.
   ForkedChild other([&] {
     g_pshareMemMap = nullptr;
-    int c = 0;
-    if (Acquire(name, 4096, &c) == nullptr || c != 1) return 2;
+    int c = 1;
+    if (Acquire(name, 4096, &c) == nullptr || c != 0) return 2;
     Release(name);
     return 0;
   });

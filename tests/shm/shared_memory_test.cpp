@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <cctype>
 #include <cstring>
 #include <string>
 
@@ -48,6 +49,44 @@ TEST(SharedMemoryTest, TwoProcessesSeeEachOthersWritesAndOnlyTheFirstIsCreator) 
   RegistryView reg;
   EXPECT_EQ(0, reg.InUse()) << "both destroyed their objects: the block is gone";
   EXPECT_EQ(-1, SegmentId(kFirstKey));
+}
+
+// The registry keeps the first 254 characters of a name; two processes
+// asking for one longer name meet on what it kept, whatever the case, and
+// a name that differs only beyond those characters is the same block.
+TEST(SharedMemoryTest, TwoProcessesShareABlockWhoseNameIsLongerThanTheRegistryKeeps) {
+  std::string name;
+  for (int i = 0; name.size() < 300; ++i) name += "LongName" + std::to_string(i);
+  name.resize(300);
+  std::string other = name;  // same first 254 characters, other case, other tail
+  for (char& c : other) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  other.replace(260, 40, std::string(40, 'x'));
+  Handshake first, answered;
+  ForkedChild creator([&] {
+    CPSharedMemory memory(name, 4096);
+    char* p = static_cast<char*>(memory.getAddress());
+    if (p == nullptr || memory.isCreator() != 1) return 2;
+    std::strcpy(p, "from the creator");
+    first.Signal();
+    if (!answered.WaitFor(10000)) return 4;
+    return std::strcmp(p + 100, "from the opener") == 0 ? 0 : 5;
+  });
+  ASSERT_TRUE(first.WaitFor(10000));
+  ForkedChild opener([&] {
+    CPSharedMemory memory(other, 4096);
+    char* p = static_cast<char*>(memory.getAddress());
+    if (p == nullptr) return 2;
+    if (memory.isCreator() != 0) return 3;  // a second segment
+    if (std::strcmp(p, "from the creator") != 0) return 4;
+    std::strcpy(p + 100, "from the opener");
+    answered.Signal();
+    return 0;
+  });
+  EXPECT_EQ(0, opener.Join(10000));
+  answered.Signal();  // let the creator finish even if the opener failed
+  EXPECT_EQ(0, creator.Join(10000));
+  RegistryView reg;
+  EXPECT_EQ(0, reg.InUse()) << "both destroyed their objects: the block is gone";
 }
 
 TEST(SharedMemoryTest, SizeMismatchThrowsC1210E1CWithTheReasonInTheTrace) {

@@ -90,6 +90,19 @@ bool WaitUntilBlockedInFutex(unsigned long tid, int nTimeoutMs) {
   return false;
 }
 
+// True once the main thread of process `pid` sleeps in a futex wait.
+bool WaitUntilProcessInFutex(pid_t pid, int nTimeoutMs) {
+  const std::string path = "/proc/" + std::to_string(pid) + "/syscall";
+  const auto end = Clock::now() + std::chrono::milliseconds(nTimeoutMs);
+  while (Clock::now() < end) {
+    std::ifstream in(path);
+    std::string number;
+    if (in >> number && (number == "240" || number == "422")) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return false;
+}
+
 // Checks that `lines` holds exactly one line with this text, category and
 // level.
 ::testing::AssertionResult HasLine(const std::vector<RecordingHook::Line>& lines,
@@ -684,6 +697,51 @@ TEST(NamedEventTest, BlockedWaiterInAnotherProcessIsReleasedAndHoldsTheEntry) {
   event.wake(0x40);
   EXPECT_EQ(0, child.Join(10000));
   EXPECT_EQ(0, entry->dwHolderPid);
+}
+
+// Exit codes of a waiter child in the test below.
+constexpr int kWaiterWoken = 0;     // got the wake's bits
+constexpr int kWaiterTimedOut = 1;  // the wait ran out
+
+TEST(NamedEventTest, OneWakeReleasesExactlyOneOfTwoWaitersInOtherProcesses) {
+  const std::string name = UniqueName("event");
+  Handshake go[2];
+  std::vector<std::unique_ptr<ForkedChild>> waiters;
+  for (int i = 0; i < 2; ++i) {
+    // Forked before this process touches the library: fresh processes.
+    waiters.emplace_back(new ForkedChild([&, i] {
+      if (!go[i].WaitFor(5000)) return 10;
+      try {
+        CPEvent peer(0, name, 0);
+        const unsigned long r = peer.wait(3000, nullptr);
+        if (r == 0x8) return kWaiterWoken;
+        if (r == kTimeout) return kWaiterTimedOut;
+        return 11;  // woken without the bits: the wake reached both
+      } catch (...) {
+        return 12;
+      }
+    }));
+    ASSERT_TRUE(waiters.back()->Started());
+  }
+  CPEvent event(1, name, 0);
+  CNameMap::SNAMEINFO* entry = EntryOf(name);
+  ASSERT_NE(nullptr, entry);
+  // One waiter at a time: it names itself the holder as its wait begins,
+  // then sleeps in a futex wait. Both must be asleep before the wake, or a
+  // wake of every sleeper could pass for a wake of one.
+  for (int i = 0; i < 2; ++i) {
+    go[i].Signal();
+    ASSERT_TRUE(WaitForWord(&entry->dwHolderPid, waiters[i]->Pid(), 5000))
+        << "waiter " << i << " never waited; holder is " << entry->dwHolderPid;
+    ASSERT_TRUE(WaitUntilProcessInFutex(waiters[i]->Pid(), 5000))
+        << "waiter " << i << " never slept";
+  }
+  event.wake(0x8);
+  const int first = waiters[0]->Join(10000);
+  const int second = waiters[1]->Join(10000);
+  EXPECT_TRUE((first == kWaiterWoken && second == kWaiterTimedOut) ||
+              (first == kWaiterTimedOut && second == kWaiterWoken))
+      << "exit codes " << first << " and " << second;
 }
 
 TEST(NamedEventTest, WaitInThisProcessMarksItAsTheHolderThenClearsIt) {

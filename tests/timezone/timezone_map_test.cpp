@@ -177,6 +177,19 @@ TEST(TimeZoneMapTest, UtcAndEmptyNameAreNotKeys) {
   EXPECT_NE(nullptr, Lookup("UTC"));
 }
 
+TEST(TimeZoneMapTest, ANullNameIsAnUnknownName) {
+  const char* viaMap =
+      CTimeZoneMap::GetInstance()->WindowsTimeZoneStringToLinuxTimeZoneString(nullptr);
+  ASSERT_NE(nullptr, viaMap);
+  EXPECT_STREQ("", viaMap);
+  const char* viaPortable = CPortable::WindowsTimeZoneStringToLinuxTimeZoneString(nullptr);
+  ASSERT_NE(nullptr, viaPortable);
+  EXPECT_STREQ("", viaPortable);
+  char zone[32] = "unchanged";
+  EXPECT_EQ(zone, CTimeZoneMap::GetInstance()->MapTzInfo(nullptr, zone, sizeof zone));
+  EXPECT_STREQ("GMT", zone);
+}
+
 TEST(TimeZoneMapTest, ResultStaysValidAndIsTheMapsOwnText) {
   const char* first = Lookup("Tokyo Standard Time");
   const char* second = Lookup("Tokyo Standard Time");

@@ -4,6 +4,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -43,8 +44,11 @@ SLocalRecord Ours(const char* zone, int64_t t) {
 }
 
 // Compares our runtime with glibc for every instant of every case and
-// reports the first few differences of each zone.
-void ExpectAgreement(const std::vector<SZoneCase>& cases) {
+// reports the first few differences of each zone. For the zones named in
+// `readAsUtc`, files that both read as UTC, glibc names UTC after the TZ
+// text (empty for a path) where we say "UTC"; only the name is forgiven.
+void ExpectAgreement(const std::vector<SZoneCase>& cases,
+                     const std::set<std::string>& readAsUtc = {}) {
   std::vector<std::vector<SLocalRecord>> glibc;
   std::string error;
   ASSERT_TRUE(GlibcLocalTimes(cases, &glibc, 60000, &error)) << error;
@@ -52,7 +56,9 @@ void ExpectAgreement(const std::vector<SZoneCase>& cases) {
   for (size_t c = 0; c < cases.size(); ++c) {
     int reported = 0;
     for (size_t i = 0; i < cases[c].instants.size(); ++i, ++compared) {
-      const SLocalRecord ours = Ours(cases[c].ourName.c_str(), cases[c].instants[i]);
+      SLocalRecord ours = Ours(cases[c].ourName.c_str(), cases[c].instants[i]);
+      if (readAsUtc.count(cases[c].ourName) != 0 && std::strcmp(ours.zone, "UTC") == 0)
+        std::memset(ours.zone, 0, sizeof ours.zone);
       if (ours == glibc[c][i]) continue;
       if (++reported <= 5) {
         ADD_FAILURE() << cases[c].ourName << " at " << cases[c].instants[i]
@@ -258,6 +264,34 @@ std::string TzifV2(const std::vector<int64_t>& times, const std::vector<uint8_t>
          Block('2', times, idx, types, abbrs, 8) + "\n" + footer + "\n";
 }
 
+// Where the parts of a version 2+ file are: the second header, the end of
+// the transition times of the 64-bit block, and the end of that block (the
+// footer starts there).
+struct SFileParts {
+  size_t secondHeader = 0;
+  size_t transitionsEnd = 0;
+  size_t dataEnd = 0;
+};
+
+SFileParts PartsOf(const std::string& file) {
+  auto count = [&](size_t header, int i) {
+    const unsigned char* p =
+        reinterpret_cast<const unsigned char*>(file.data()) + header + 20 + 4 * i;
+    return (size_t{p[0]} << 24) | (size_t{p[1]} << 16) | (size_t{p[2]} << 8) | p[3];
+  };
+  // isutcnt, isstdcnt, leapcnt, timecnt, typecnt, charcnt
+  auto block = [&](size_t header, size_t timeSize) {
+    return 44 + count(header, 3) * (timeSize + 1) + count(header, 4) * 6 + count(header, 5) +
+           count(header, 2) * (timeSize + 4) + count(header, 1) + count(header, 0);
+  };
+  const size_t second = block(0, 4);
+  SFileParts parts;
+  parts.secondHeader = second;
+  parts.transitionsEnd = second + 44 + count(second, 3) * 8;
+  parts.dataEnd = second + block(second, 8);
+  return parts;
+}
+
 class DamagedZoneTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -315,25 +349,45 @@ TEST_F(DamagedZoneTest, NamesLeavingTheTreeAreUtc) {
   EXPECT_FALSE(IsUtc("good"));
 }
 
-TEST_F(DamagedZoneTest, EveryTruncationOfARealFileIsUtc) {
+// A file cut before its footer has begun (a newline and one more byte) is
+// rejected whole, as glibc rejects it; one cut inside the footer keeps its
+// transitions and reads what is left of the rule as glibc does.
+TEST_F(DamagedZoneTest, EveryTruncationOfARealFileBeforeItsFooterIsUtcAndLaterOnesAgreeWithGlibc) {
   const std::string berlin = ReadWhole(std::string(kZoneInfo) + "/Europe/Berlin");
   ASSERT_GT(berlin.size(), 1000u);
+  const size_t footer = PartsOf(berlin).dataEnd;
+  ASSERT_EQ('\n', berlin[footer]);
   Put("whole", berlin);
   EXPECT_FALSE(IsUtc("whole"));
-  for (size_t n = 0; n < berlin.size(); ++n) {
+  for (size_t n = 0; n <= footer + 1; ++n) {
     const std::string name = "cut" + std::to_string(n);
     Put(name, berlin.substr(0, n));
     ASSERT_TRUE(IsUtc(name)) << "cut at " << n;
   }
+  // The rule is "CET-1CEST,M3.5.0,M10.5.0/3"; a cut drops the file's last
+  // byte from it. glibc is not the reference for two kinds of cut: a rule
+  // that ends after the daylight name ("CET-1CES" to "CET-1CEST,") makes it
+  // load and apply its "posixrules" file, and a month not yet read (a rule
+  // ending in "M") makes it read outside its month table.
+  std::vector<SZoneCase> cases;
+  const std::vector<int64_t> instants = Instants("whole", 0, 4102444800LL, 200, 77);
+  for (size_t n = footer + 2; n < berlin.size(); ++n) {
+    const std::string name = "cut" + std::to_string(n);
+    Put(name, berlin.substr(0, n));
+    EXPECT_FALSE(IsUtc(name)) << "cut at " << n;
+    const size_t ruleLength = n - footer - 2;
+    const bool monthUnread = berlin[footer + ruleLength] == 'M';
+    if ((ruleLength <= 7 || ruleLength >= 12) && !monthUnread)
+      cases.push_back({name, m_root.Path() + "/" + name, instants});
+  }
+  ASSERT_EQ("CET-1CEST,M3.5.0,M10.5.0/3", berlin.substr(footer + 1, berlin.size() - footer - 2));
+  ExpectAgreement(cases);
 }
 
 TEST_F(DamagedZoneTest, MalformedHeadersAndIndicesAreUtc) {
   const std::string abbrs("AAA\0BBB\0", 8);
   const std::vector<SType> two = {{3600, false, 0}, {7200, true, 4}};
   Put("magic", "TZjf" + TzifV2({0}, {1}, two, abbrs, "").substr(4));
-  std::string badVersion = TzifV2({0}, {1}, two, abbrs, "");
-  badVersion[4] = '1';
-  Put("version", badVersion);
   Put("notypes", TzifV2({}, {}, {}, abbrs, ""));
   Put("typeindex", TzifV2({0, 100}, {1, 2}, two, abbrs, ""));
   Put("abbrindex", TzifV2({0}, {1}, {{3600, false, 0}, {7200, true, 8}}, abbrs, ""));
@@ -345,12 +399,6 @@ TEST_F(DamagedZoneTest, MalformedHeadersAndIndicesAreUtc) {
   std::string isdst2 = TzifV2({0}, {1}, two, abbrs, "");
   isdst2[isdst2.size() - 2 - abbrs.size() - 2] = 2;
   Put("isdst2", isdst2);
-  Put("footerrule", TzifV2({0}, {1}, two, abbrs, "AAA-1BBB,M13.1.0,M10.5.0"));
-  Put("footershort", TzifV2({0}, {1}, two, abbrs, "A-1"));
-  Put("footerjunk", TzifV2({0}, {1}, two, abbrs, "AAA-1BBB,M3.5.0,M10.5.0/3x"));
-  std::string noFooterEnd = TzifV2({0}, {1}, two, abbrs, "AAA-1");
-  noFooterEnd.pop_back();
-  Put("footerunterminated", noFooterEnd);
   // Counts far beyond the data, large enough to overflow 32-bit sums.
   std::string huge = Block('2', {}, {}, {{0, false, 0}}, std::string("UTC\0", 4), 4);
   huge.replace(32, 4, Be32(0x7FFFFFFF));
@@ -361,10 +409,44 @@ TEST_F(DamagedZoneTest, MalformedHeadersAndIndicesAreUtc) {
   Put("empty", "");
   Put("text", "this is not a zone file\n");
   for (const char* name :
-       {"magic", "version", "notypes", "isdst2", "typeindex", "abbrindex", "abbrunterminated",
-        "unordered", "equaltimes", "footerrule", "footershort", "footerjunk",
-        "footerunterminated", "hugecount", "hugetypes", "empty", "text"})
+       {"magic", "notypes", "isdst2", "typeindex", "abbrindex", "abbrunterminated",
+        "unordered", "equaltimes", "hugecount", "hugetypes", "empty", "text"})
     EXPECT_TRUE(IsUtc(name)) << name;
+}
+
+// Damage that glibc reads past: an unknown version byte, and footer rules
+// that do not parse, which it uses as far as they go.
+TEST_F(DamagedZoneTest, UnknownVersionsAndBadFooterRulesAreReadAsGlibcReadsThem) {
+  const std::string abbrs("AAA\0BBB\0", 8);
+  const std::vector<SType> two = {{3600, false, 0}, {7200, true, 4}};
+  std::vector<std::pair<std::string, std::string>> files;
+  for (char version : {'1', '5', 'z', '\xff'}) {
+    std::string file = TzifV2({0}, {1}, two, abbrs, "AAA-1BBB,M3.5.0,M10.5.0/3");
+    file[4] = version;
+    files.push_back({"version" + std::to_string(static_cast<unsigned char>(version)), file});
+  }
+  const char* rules[] = {
+      "AAA-1BBB,M12.6.0,M10.5.0",    "A-1",
+      "AAA-1BBB,M3.5.0,M10.5.0/3x",  "AAA-1BBB,M3.5.0,M10.5.0/",
+      "AAA-1BBB,M3.5.0",             "AAA-1BBB,M3.5.0,M10.5.7/3",
+      "AAA-1BBB,J0,J365",            "AAA-1BBB,400,100",
+      "AAA",                         "AAA-",
+      "AAA-1BBB-x,M3.5.0,M10.5.0",   "AAA-1BBB,M3.5.0/x,M10.5.0/-",
+      "AAA-1BBB,M3.5,M10.5.0",       "AAA-30BBB,M3.5.0,M10.5.0",
+      "<AB>-1BBB,M3.5.0,M10.5.0",    "AAA-1:99:99BBB,M3.5.0/1:2:3,M10.5.0/ 4",
+  };
+  int n = 0;
+  for (const char* rule : rules)
+    files.push_back({"rule" + std::to_string(n++), TzifV2({0}, {1}, two, abbrs, rule)});
+  std::vector<SZoneCase> cases;
+  unsigned seed = 900;
+  for (const auto& file : files) {
+    Put(file.first, file.second);
+    EXPECT_FALSE(IsUtc(file.first)) << file.first;
+    cases.push_back({file.first, m_root.Path() + "/" + file.first,
+                     Instants(file.first.c_str(), 0, 4102444800LL, 1500, seed++)});
+  }
+  ExpectAgreement(cases);
 }
 
 TEST_F(DamagedZoneTest, WellFormedHandMadeFilesAreRead) {
@@ -408,6 +490,67 @@ TEST_F(DamagedZoneTest, HandMadeFooterRulesAgreeWithGlibc) {
                      Instants(name.c_str(), 0, 4102444800LL, 3000, static_cast<unsigned>(n))});
   }
   ExpectAgreement(cases);
+}
+
+// Copies of real zone files damaged the way a careless edit or copy might:
+// glibc still reads their transitions (and, past them, what it can make of
+// the footer, or else the last type), and so must we. The copies glibc
+// rejects whole read as UTC with both.
+TEST_F(DamagedZoneTest, DamagedCopiesOfRealFilesAgreeWithGlibc) {
+  std::vector<SZoneCase> cases;
+  std::set<std::string> readAsUtc;
+  unsigned seed = 700;
+  for (const std::string zone : {"Europe/Berlin", "America/Santiago", "Australia/Sydney",
+                                 "America/New_York", "Asia/Tokyo"}) {
+    const std::string file = ReadWhole(std::string(kZoneInfo) + "/" + zone);
+    ASSERT_GT(file.size(), 100u) << zone;
+    ASSERT_EQ('2' <= file[4] && file[4] <= '4', true) << zone;
+    const SFileParts parts = PartsOf(file);
+    ASSERT_LT(parts.dataEnd + 2, file.size()) << zone;
+    ASSERT_EQ('\n', file[parts.dataEnd]) << zone;
+    const std::string data = file.substr(0, parts.dataEnd);
+    const std::string rule = file.substr(parts.dataEnd + 1, file.size() - parts.dataEnd - 2);
+    ASSERT_FALSE(rule.empty()) << zone;
+
+    std::string stem = zone;
+    std::replace(stem.begin(), stem.end(), '/', '_');
+    const std::string original = stem + "-original";
+    Put(original, file);
+    std::string version5 = file;
+    version5[4] = '5';
+    std::string version5Both = version5;
+    version5Both[parts.secondHeader + 4] = '5';
+    std::string badWeekday = rule;
+    const size_t lastDot = badWeekday.rfind('.');
+    if (lastDot != std::string::npos) badWeekday[lastDot + 1] = '9';
+    const size_t lastComma = rule.rfind(',');
+    const std::vector<std::pair<std::string, std::string>> copies = {
+        {"emptyrule", data + "\n\n"},
+        {"garbage", data + "\n!!garbage!!\n"},
+        {"junkafterrule", data + "\n" + rule + "x\n"},
+        {"noendrule", data + "\n" + rule.substr(0, lastComma) + "\n"},
+        {"badweekday", data + "\n" + badWeekday + "\n"},
+        {"unterminated", file.substr(0, file.size() - 1)},
+        {"nonewline", data + "X" + rule + "\n"},
+        {"version5", version5},
+        {"version5both", version5Both},
+        {"nofooter", data},
+        {"newlineonly", data + "\n"},
+        {"cutaftertransitions", file.substr(0, parts.transitionsEnd)},
+    };
+    const std::vector<int64_t> instants =
+        Instants(original.c_str(), -2500000000LL, 4102444800LL, 400, seed++);
+    for (const auto& copy : copies) {
+      const std::string name = stem + "-" + copy.first;
+      Put(name, copy.second);
+      cases.push_back({name, m_root.Path() + "/" + name, instants});
+      if (copy.first == "nofooter" || copy.first == "newlineonly" ||
+          copy.first == "cutaftertransitions")
+        readAsUtc.insert(name);
+    }
+    cases.push_back({original, m_root.Path() + "/" + original, instants});
+  }
+  ExpectAgreement(cases, readAsUtc);
 }
 
 TEST_F(DamagedZoneTest, RandomlyDamagedFilesNeverCrash) {
@@ -488,11 +631,12 @@ TEST(ZoneRuntimeThreadTest, ManyThreadsOnAColdCacheAgreeWithOneThread) {
   }
 }
 
-// --- The error line -----------------------------------------------------------
+// --- Nothing is logged ---------------------------------------------------------
 
-// A fresh process logging to a private directory: each bad zone writes one
-// "(Error) " line however often it is used, and a good zone writes none.
-TEST(ZoneRuntimeTraceTest, BadZoneWritesOneErrorLine) {
+// A fresh process logging to a private directory: missing and damaged zones
+// read as UTC without a word, however often they are used. The child's own
+// marker line shows that the log was being written.
+TEST(ZoneRuntimeTraceTest, BadZonesWriteNothingToTheLog) {
   if (!IsRerunChild()) {
     TempDir logs;
     const ChildResult r = RerunThisTest(
@@ -500,14 +644,9 @@ TEST(ZoneRuntimeTraceTest, BadZoneWritesOneErrorLine) {
     ASSERT_EQ(0, r.exitCode) << r.output;
     std::string log;
     for (const std::string& f : logs.List()) log += ReadFile(logs.Path() + "/" + f);
-    size_t lines = 0;
-    for (size_t at = log.find("(Error) "); at != std::string::npos;
-         at = log.find("(Error) ", at + 1))
-      ++lines;
-    EXPECT_EQ(2u, lines) << log;
-    EXPECT_NE(std::string::npos, log.find("\"Missing/Zone\"")) << log;
-    EXPECT_NE(std::string::npos, log.find("\"broken\"")) << log;
-    EXPECT_NE(std::string::npos, log.find("CZoneCache::LoadZone")) << log;
+    EXPECT_NE(std::string::npos, log.find("zone test marker")) << log;
+    EXPECT_EQ(std::string::npos, log.find("(Error) ")) << log;
+    EXPECT_EQ(std::string::npos, log.find("Zone")) << log;
     return;
   }
   TempDir root;
@@ -515,12 +654,13 @@ TEST(ZoneRuntimeTraceTest, BadZoneWritesOneErrorLine) {
   WriteFile(root.Path() + "/good", ReadWhole(std::string(kZoneInfo) + "/Asia/Tokyo"));
   SetZoneInfoRootForTesting(root.Path());
   for (int i = 0; i < 3; ++i) {
-    for (const char* zone : {"Missing/Zone", "broken", "good"}) {
+    for (const char* zone : {"Missing/Zone", "broken", "good", "../escape", ""}) {
       struct tm tm;
       const int64_t t = 1700000000;
       ASSERT_NE(nullptr, qkspecificlocaltime64_r(&t, &tm, zone));
     }
   }
+  g_AmbitTrace.trace("zone test marker\n");
   SetZoneInfoRootForTesting("");
 }
 
