@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -108,6 +109,15 @@ struct KilledOwnerCase {
   const char* label;
   int recursive;
   unsigned long timeoutMs;
+  bool terminateHook;  // wait through the facade's sliced loop
+};
+
+void PrintTo(const KilledOwnerCase& c, std::ostream* os) { *os << c.label; }
+
+// A stop check that never asks to stop: the wait runs the sliced loop.
+class NeverStop : public CTerminateWait {
+ public:
+  int shouldTerminate() override { return 0; }
 };
 
 class KilledOwnerTest : public ::testing::TestWithParam<KilledOwnerCase> {};
@@ -143,7 +153,8 @@ TEST_P(KilledOwnerTest, AWaiterGetsTheMutexAtOnceAndLearnsItWasAbandoned) {
       owned.Signal();  // pass it on to the other waiter
       CPMutex mutex(0, 0, name, c.recursive, 0);
       waiting.Signal();
-      if (mutex.wait(c.timeoutMs, nullptr) != 0) return 3;
+      NeverStop neverStop;
+      if (mutex.wait(c.timeoutMs, c.terminateHook ? &neverStop : nullptr) != 0) return 3;
       const int order = report->acquired++;
       report->acquiredAtMs[order] = std::chrono::duration_cast<std::chrono::milliseconds>(
                                         Clock::now().time_since_epoch()).count();
@@ -187,10 +198,12 @@ TEST_P(KilledOwnerTest, AWaiterGetsTheMutexAtOnceAndLearnsItWasAbandoned) {
 
 INSTANTIATE_TEST_SUITE_P(
     Modes, KilledOwnerTest,
-    ::testing::Values(KilledOwnerCase{"plain", 0, kForever},
-                      KilledOwnerCase{"recursive", 1, kForever},
-                      KilledOwnerCase{"plain-timed", 0, 30000},
-                      KilledOwnerCase{"recursive-timed", 1, 30000}),
+    ::testing::Values(KilledOwnerCase{"plain", 0, kForever, false},
+                      KilledOwnerCase{"recursive", 1, kForever, false},
+                      KilledOwnerCase{"plain-timed", 0, 30000, false},
+                      KilledOwnerCase{"recursive-timed", 1, 30000, false},
+                      KilledOwnerCase{"plain-terminate-hook", 0, kForever, true},
+                      KilledOwnerCase{"recursive-terminate-hook", 1, 30000, true}),
     [](const ::testing::TestParamInfo<KilledOwnerCase>& info) {
       std::string s = info.param.label;
       for (char& ch : s)
@@ -527,6 +540,8 @@ struct StepCase {
   TestPoint point;
   int recursive;
 };
+
+void PrintTo(const StepCase& c, std::ostream* os) { *os << c.label; }
 
 class KillAtEveryStepTest : public ::testing::TestWithParam<StepCase> {};
 
