@@ -7,6 +7,7 @@
 
 #include "ambit/exception.h"
 #include "ambit/portable.h"
+#include "portable/self_ids.h"
 #include "sync/mutex_globals.h"
 #include "sync/robust_mutex.h"
 #include "trace/trace_impl.h"
@@ -26,9 +27,7 @@ constexpr long kLineLockGate = 4641;
 constexpr long kLineTimedLockGate = 4670;
 constexpr long kLineReleaseGate = 4719;
 
-int CurrentThread() {
-  return static_cast<int>(CPortable::GetCurrentThreadId());
-}
+int CurrentThread() { return OwnThreadId(); }
 }  // namespace
 
 CPMutexRecursionHelper* g_pmutexRecursionHelper = nullptr;
