@@ -148,7 +148,7 @@ unsigned long CPMutexImpl::wait(unsigned long timeoutMs) {
   if (abandoned && m_allowTrace && g_pambittracing)
     traceImpl(kCategoryLifeCycle, kLevelError,
               "(Error) CPMutexImpl::wait (%p), previous owner %d died\n", static_cast<void*>(this),
-              previous == self ? 0 : previous);
+              previous);
   noteAcquired(abandoned);
   MUTEX_TRACE("<<<CPMutexImpl::wait.2 %p, pid %d\n", static_cast<void*>(m_pMutex), *m_pPid);
   return 0;
