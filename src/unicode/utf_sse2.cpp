@@ -1,0 +1,404 @@
+// SSE2 kernels for the UTF engines (see utf_sse2.h for the contract).
+//
+// Only the functions marked AMBIT_SSE2 use SSE2, and this file defines no
+// inline function that another file could share: the rest of the library
+// keeps running on processors without SSE2.
+//
+// Writing exactly the produced units: where a block's output has a variable
+// length, the kernel stores each character with a fixed-width store and
+// advances by the character's length, so the last store of a block may
+// spill a few units past the block's output. The kernel reads those units
+// first and puts them back after the block; they lie inside the target's
+// room, which the kernel checks before the block. The caller's target thus
+// never changes past the units written.
+#include "unicode/utf_sse2.h"
+
+#include <emmintrin.h>
+
+#include <cstdint>
+#include <cstring>
+#include <type_traits>
+
+#define AMBIT_SSE2 __attribute__((target("sse2")))
+
+namespace ambit_utf {
+namespace {
+
+AMBIT_SSE2 inline __m128i Load(const void* p) {
+  return _mm_loadu_si128(static_cast<const __m128i*>(p));
+}
+
+AMBIT_SSE2 inline void Store(void* p, __m128i v) { _mm_storeu_si128(static_cast<__m128i*>(p), v); }
+
+inline unsigned Popcount16(unsigned x) {
+  x = x - ((x >> 1) & 0x5555U);
+  x = (x & 0x3333U) + ((x >> 2) & 0x3333U);
+  x = (x + (x >> 4)) & 0x0F0FU;
+  return (x + (x >> 8)) & 0x1FU;
+}
+
+// Output kinds of the UTF-8 kernel.
+struct Utf16Out {
+  typedef UTF16 Unit;
+};
+struct Utf32Out {
+  typedef UTF32 Unit;
+};
+struct CountOut {
+  typedef UTF16 Unit;  // unused
+};
+
+// Stores eight UTF-16 values (lanes of v) as t[0..7] in the output form.
+AMBIT_SSE2 inline void Put8(UTF16* t, __m128i v) { Store(t, v); }
+AMBIT_SSE2 inline void Put8(UTF32* t, __m128i v) {
+  const __m128i zero = _mm_setzero_si128();
+  Store(t, _mm_unpacklo_epi16(v, zero));
+  Store(t + 4, _mm_unpackhi_epi16(v, zero));
+}
+
+// Stores the six values in lanes 0..5 of v as t[0..5].
+AMBIT_SSE2 inline void Put6(UTF16* t, __m128i v) {
+  _mm_storel_epi64(reinterpret_cast<__m128i*>(t), v);
+  const uint32_t w = static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(v, 8)));
+  std::memcpy(t + 4, &w, sizeof w);
+}
+AMBIT_SSE2 inline void Put6(UTF32* t, __m128i v) {
+  const __m128i zero = _mm_setzero_si128();
+  Store(t, _mm_unpacklo_epi16(v, zero));
+  _mm_storel_epi64(reinterpret_cast<__m128i*>(t + 4), _mm_unpackhi_epi16(v, zero));
+}
+
+// Six three-byte characters in s[0..17], or false. The bytes must follow
+// the pattern lead (0xE0..0xEF), continuation, continuation six times over,
+// and each value must be at least 0x800 and not a surrogate (which is what
+// the second-byte rules after 0xE0 and 0xED amount to). On success the six
+// values are in lanes 0..5 of *out.
+AMBIT_SSE2 inline bool DecodeSixThreeByte(__m128i v0, __m128i v1, __m128i v2, __m128i* out) {
+  // v0 holds s[0..15], v2 holds s[2..17]: both must match the pattern.
+  const __m128i mask0 = _mm_setr_epi8(-16, -64, -64, -16, -64, -64, -16, -64, -64, -16, -64, -64,
+                                      -16, -64, -64, -16);
+  const __m128i want0 = _mm_setr_epi8(-32, -128, -128, -32, -128, -128, -32, -128, -128, -32,
+                                      -128, -128, -32, -128, -128, -32);
+  const __m128i mask2 = _mm_setr_epi8(-64, -16, -64, -64, -16, -64, -64, -16, -64, -64, -16, -64,
+                                      -64, -16, -64, -64);
+  const __m128i want2 = _mm_setr_epi8(-128, -32, -128, -128, -32, -128, -128, -32, -128, -128,
+                                      -32, -128, -128, -32, -128, -128);
+  const __m128i ok = _mm_and_si128(_mm_cmpeq_epi8(_mm_and_si128(v0, mask0), want0),
+                                   _mm_cmpeq_epi8(_mm_and_si128(v2, mask2), want2));
+  if (_mm_movemask_epi8(ok) != 0xFFFF) return false;
+  // A 16-bit lane k of a load from p holds p[2k] | p[2k+1] << 8. The leads
+  // at 0, 6 and 12 sit in lanes 0, 3 and 6 of v0 (lead and second byte) and
+  // of v1 (second and third byte); those at 3, 9 and 15 in lanes 1, 4 and 7
+  // of v1 and v2.
+  const __m128i lo4 = _mm_set1_epi16(0x000F), mid6 = _mm_set1_epi16(0x3F00),
+                low6 = _mm_set1_epi16(0x003F);
+  const __m128i even = _mm_or_si128(
+      _mm_or_si128(_mm_slli_epi16(_mm_and_si128(v0, lo4), 12),
+                   _mm_srli_epi16(_mm_and_si128(v0, mid6), 2)),
+      _mm_and_si128(_mm_srli_epi16(v1, 8), low6));
+  const __m128i odd = _mm_or_si128(
+      _mm_or_si128(_mm_slli_epi16(_mm_and_si128(v1, lo4), 12),
+                   _mm_srli_epi16(_mm_and_si128(v1, mid6), 2)),
+      _mm_and_si128(_mm_srli_epi16(v2, 8), low6));
+  // Characters 0..5 in lanes 0, 1, 3, 4, 6, 7; then close the gaps.
+  const __m128i m = _mm_or_si128(_mm_and_si128(even, _mm_setr_epi16(-1, 0, 0, -1, 0, 0, -1, 0)),
+                                 _mm_and_si128(odd, _mm_setr_epi16(0, -1, 0, 0, -1, 0, 0, -1)));
+  const __m128i first = _mm_shufflelo_epi16(m, _MM_SHUFFLE(3, 3, 1, 0));
+  const __m128i second = _mm_srli_si128(_mm_shufflehi_epi16(m, _MM_SHUFFLE(3, 3, 2, 0)), 2);
+  const __m128i v = _mm_or_si128(_mm_and_si128(first, _mm_setr_epi16(-1, -1, -1, 0, 0, 0, 0, 0)),
+                                 _mm_and_si128(second, _mm_setr_epi16(0, 0, 0, -1, -1, -1, 0, 0)));
+  const __m128i top = _mm_and_si128(v, _mm_set1_epi16(static_cast<short>(0xF800)));
+  const __m128i bad = _mm_or_si128(_mm_cmpeq_epi16(top, _mm_setzero_si128()),
+                                   _mm_cmpeq_epi16(top, _mm_set1_epi16(static_cast<short>(0xD800))));
+  if ((_mm_movemask_epi8(bad) & 0x0FFF) != 0) return false;
+  *out = v;
+  return true;
+}
+
+// Eight decoded values from one half of a block: lanes of b0, b1, b2 hold
+// the byte at a position and the two after it, zero-extended. isLead3 marks
+// three-byte leads; ASCII positions give their byte and the rest a two-byte
+// value (continuation positions give values that are never stored).
+AMBIT_SSE2 inline __m128i DecodeHalf(__m128i b0, __m128i b1, __m128i b2) {
+  const __m128i isAscii = _mm_cmplt_epi16(b0, _mm_set1_epi16(0x80));
+  const __m128i isLead3 = _mm_cmpgt_epi16(b0, _mm_set1_epi16(0xDF));
+  const __m128i two = _mm_or_si128(_mm_slli_epi16(_mm_and_si128(b0, _mm_set1_epi16(0x1F)), 6),
+                                   _mm_and_si128(b1, _mm_set1_epi16(0x3F)));
+  const __m128i three =
+      _mm_or_si128(_mm_slli_epi16(two, 6), _mm_and_si128(b2, _mm_set1_epi16(0x3F)));
+  const __m128i multi =
+      _mm_or_si128(_mm_and_si128(isLead3, three), _mm_andnot_si128(isLead3, two));
+  return _mm_or_si128(_mm_and_si128(isAscii, b0), _mm_andnot_si128(isAscii, multi));
+}
+
+template <typename Out>
+AMBIT_SSE2 size_t Utf8Blocks(const UTF8* s, size_t n, typename Out::Unit* t, size_t room,
+                             size_t* written) {
+  typedef typename Out::Unit Unit;
+  constexpr bool kCount = std::is_same<Out, CountOut>::value;
+  const __m128i zero = _mm_setzero_si128();
+  size_t pos = 0, out = 0;
+  while (n - pos >= 16) {
+    // Every block below writes at most 16 units and may spill one more.
+    if (!kCount && room - out < 17) break;
+    const UTF8* p = s + pos;
+    const __m128i v0 = Load(p);
+    if (_mm_movemask_epi8(_mm_cmpeq_epi8(v0, zero)) != 0) break;
+    const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(v0));
+    if (high == 0) {  // sixteen ASCII characters
+      if (!kCount) {
+        Put8(t + out, _mm_unpacklo_epi8(v0, zero));
+        Put8(t + out + 8, _mm_unpackhi_epi8(v0, zero));
+      }
+      pos += 16;
+      out += 16;
+      continue;
+    }
+    if (n - pos < 18) break;
+    const __m128i v1 = Load(p + 1), v2 = Load(p + 2);
+    __m128i six;
+    if (DecodeSixThreeByte(v0, v1, v2, &six)) {
+      if (!kCount) Put6(t + out, six);
+      pos += 18;
+      out += 6;
+      continue;
+    }
+    // Classes of the sixteen bytes, as bit masks. As signed bytes,
+    // continuations 0x80..0xBF are -128..-65, two-byte leads 0xC2..0xDF are
+    // -62..-33 and three-byte leads 0xE0..0xEF are -32..-17.
+    const unsigned cont =
+        static_cast<unsigned>(_mm_movemask_epi8(_mm_cmplt_epi8(v0, _mm_set1_epi8(-64))));
+    const unsigned lead2 = static_cast<unsigned>(_mm_movemask_epi8(_mm_and_si128(
+        _mm_cmpgt_epi8(v0, _mm_set1_epi8(-63)), _mm_cmplt_epi8(v0, _mm_set1_epi8(-32)))));
+    const unsigned lead3 = static_cast<unsigned>(_mm_movemask_epi8(_mm_and_si128(
+        _mm_cmpgt_epi8(v0, _mm_set1_epi8(-33)), _mm_cmplt_epi8(v0, _mm_set1_epi8(-16)))));
+    const unsigned ascii = ~high & 0xFFFFU;
+    if ((ascii | cont | lead2 | lead3) != 0xFFFFU) break;  // 0xC0, 0xC1, 0xF0..0xFF
+    // Continuations must sit exactly where the leads want them; those of a
+    // character that starts near the end of the block lie in s[16..17].
+    const unsigned want = (lead2 << 1) | (lead3 << 1) | (lead3 << 2);
+    const unsigned tail = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmplt_epi8(v2, _mm_set1_epi8(-64)))) >> 14;
+    if (((want ^ cont) & 0xFFFFU) != 0 || ((want >> 16) & ~tail) != 0) break;
+    // After 0xE0 the second byte is at least 0xA0; after 0xED at most 0x9F.
+    const __m128i bad = _mm_or_si128(
+        _mm_and_si128(_mm_cmpeq_epi8(v0, _mm_set1_epi8(-32)), _mm_cmplt_epi8(v1, _mm_set1_epi8(-96))),
+        _mm_and_si128(_mm_cmpeq_epi8(v0, _mm_set1_epi8(-19)), _mm_cmpgt_epi8(v1, _mm_set1_epi8(-97))));
+    if (_mm_movemask_epi8(bad) != 0) break;
+    const unsigned starts = ascii | lead2 | lead3;
+    const unsigned chars = Popcount16(starts);
+    if (!kCount) {
+      alignas(16) UTF16 value[16];
+      _mm_store_si128(reinterpret_cast<__m128i*>(value),
+                      DecodeHalf(_mm_unpacklo_epi8(v0, zero), _mm_unpacklo_epi8(v1, zero),
+                                 _mm_unpacklo_epi8(v2, zero)));
+      _mm_store_si128(reinterpret_cast<__m128i*>(value + 8),
+                      DecodeHalf(_mm_unpackhi_epi8(v0, zero), _mm_unpackhi_epi8(v1, zero),
+                                 _mm_unpackhi_epi8(v2, zero)));
+      // Every value is stored where the next character goes; only starts
+      // advance. The store after the last start lands on base[chars].
+      Unit* const base = t + out;
+      const Unit spilled = base[chars];
+      size_t k = 0;
+      for (unsigned i = 0; i < 16; ++i) {
+        base[k] = value[i];
+        k += (starts >> i) & 1U;
+      }
+      base[chars] = spilled;
+    }
+    pos += 16 + ((want >> 16) & 1U) + (want >> 17);
+    out += chars;
+  }
+  *written = out;
+  return pos;
+}
+
+// UTF-8 bytes of the eight UTF-16 values in c, all nonzero, none a
+// surrogate: the bytes of value i in word i (first byte lowest), the
+// lengths in len (16-bit lanes). Returns the total length.
+AMBIT_SSE2 inline unsigned EncodeEight(__m128i c, uint32_t* word, UTF16* len) {
+  const __m128i isAscii = _mm_cmpeq_epi16(_mm_and_si128(c, _mm_set1_epi16(static_cast<short>(0xFF80))),
+                                          _mm_setzero_si128());
+  const __m128i isTwo = _mm_cmpeq_epi16(_mm_and_si128(c, _mm_set1_epi16(static_cast<short>(0xF800))),
+                                        _mm_setzero_si128());
+  const __m128i mid6 = _mm_set1_epi16(0x3F00);
+  // Bytes 0 and 1 of a two- and of a three-byte form, and byte 2 of the
+  // latter.
+  const __m128i two = _mm_or_si128(
+      _mm_or_si128(_mm_srli_epi16(c, 6), _mm_and_si128(_mm_slli_epi16(c, 8), mid6)),
+      _mm_set1_epi16(static_cast<short>(0x80C0)));
+  const __m128i three = _mm_or_si128(
+      _mm_or_si128(_mm_srli_epi16(c, 12), _mm_and_si128(_mm_slli_epi16(c, 2), mid6)),
+      _mm_set1_epi16(static_cast<short>(0x80E0)));
+  const __m128i third =
+      _mm_or_si128(_mm_and_si128(c, _mm_set1_epi16(0x3F)), _mm_set1_epi16(0x80));
+  const __m128i multi = _mm_or_si128(_mm_and_si128(isTwo, two), _mm_andnot_si128(isTwo, three));
+  const __m128i low = _mm_or_si128(_mm_and_si128(isAscii, c), _mm_andnot_si128(isAscii, multi));
+  Store(word, _mm_unpacklo_epi16(low, third));
+  Store(word + 4, _mm_unpackhi_epi16(low, third));
+  const __m128i length = _mm_add_epi16(_mm_set1_epi16(3), _mm_add_epi16(isAscii, isTwo));
+  Store(len, length);
+  const __m128i sums = _mm_sad_epu8(length, _mm_setzero_si128());
+  return static_cast<unsigned>(_mm_cvtsi128_si32(sums) + _mm_cvtsi128_si32(_mm_srli_si128(sums, 8)));
+}
+
+// True when none of the eight UTF-16 units in c is zero or a surrogate.
+AMBIT_SSE2 inline bool EncodableEight(__m128i c) {
+  const __m128i top = _mm_and_si128(c, _mm_set1_epi16(static_cast<short>(0xF800)));
+  const __m128i bad = _mm_or_si128(_mm_cmpeq_epi16(c, _mm_setzero_si128()),
+                                   _mm_cmpeq_epi16(top, _mm_set1_epi16(static_cast<short>(0xD800))));
+  return _mm_movemask_epi8(bad) == 0;
+}
+
+// One block of eight encodable values to UTF-8 at t + *out (or only
+// counted). The target has room for 28 bytes past *out.
+template <bool kCount>
+AMBIT_SSE2 inline void PutEight(__m128i c, UTF8* t, size_t* out) {
+  alignas(16) uint32_t word[8];
+  alignas(16) UTF16 len[8];
+  const unsigned total = EncodeEight(c, word, len);
+  if (!kCount) {
+    // Each character is stored as a whole word; the bytes after the last
+    // one are put back.
+    UTF8* const base = t + *out;
+    uint32_t spilled;
+    std::memcpy(&spilled, base + total, sizeof spilled);
+    size_t k = 0;
+    for (unsigned i = 0; i < 8; ++i) {
+      std::memcpy(base + k, &word[i], sizeof word[i]);
+      k += len[i];
+    }
+    std::memcpy(base + total, &spilled, sizeof spilled);
+  }
+  *out += total;
+}
+
+// True when none of the sixteen units in a, b is zero or above 0x7F.
+AMBIT_SSE2 inline bool AsciiSixteen16(__m128i a, __m128i b) {
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i high = _mm_and_si128(_mm_or_si128(a, b), _mm_set1_epi16(static_cast<short>(0xFF80)));
+  const __m128i bad = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi16(a, zero), _mm_cmpeq_epi16(b, zero)),
+                                   _mm_xor_si128(_mm_cmpeq_epi16(high, zero), _mm_set1_epi8(-1)));
+  return _mm_movemask_epi8(bad) == 0;
+}
+
+template <bool kCount>
+AMBIT_SSE2 size_t Utf16Blocks(const UTF16* s, size_t n, UTF8* t, size_t room, size_t* written) {
+  size_t pos = 0, out = 0;
+  while (n - pos >= 8) {
+    if (!kCount && room - out < 28) break;
+    const __m128i a = Load(s + pos);
+    if (n - pos >= 16) {
+      const __m128i b = Load(s + pos + 8);
+      if (AsciiSixteen16(a, b)) {
+        if (!kCount) Store(t + out, _mm_packus_epi16(a, b));
+        pos += 16;
+        out += 16;
+        continue;
+      }
+    }
+    if (!EncodableEight(a)) break;
+    PutEight<kCount>(a, t, &out);
+    pos += 8;
+  }
+  *written = out;
+  return pos;
+}
+
+// Eight UTF-32 units as UTF-16 values, when all are at most 0xFFFF.
+AMBIT_SSE2 inline bool NarrowEight(const UTF32* s, __m128i* c) {
+  const __m128i a = Load(s), b = Load(s + 4);
+  if (_mm_movemask_epi8(_mm_cmpeq_epi16(
+          _mm_and_si128(_mm_or_si128(a, b), _mm_set1_epi32(static_cast<int>(0xFFFF0000U))),
+          _mm_setzero_si128())) != 0xFFFF)
+    return false;
+  // The signed pack is exact once the values are moved to -0x8000..0x7FFF.
+  const __m128i bias32 = _mm_set1_epi32(0x8000);
+  *c = _mm_add_epi16(_mm_packs_epi32(_mm_sub_epi32(a, bias32), _mm_sub_epi32(b, bias32)),
+                     _mm_set1_epi16(static_cast<short>(0x8000)));
+  return true;
+}
+
+template <bool kCount>
+AMBIT_SSE2 size_t Utf32Blocks(const UTF32* s, size_t n, UTF8* t, size_t room, size_t* written) {
+  size_t pos = 0, out = 0;
+  while (n - pos >= 8) {
+    if (!kCount && room - out < 28) break;
+    __m128i a;
+    if (!NarrowEight(s + pos, &a)) break;
+    if (n - pos >= 16) {
+      __m128i b;
+      if (NarrowEight(s + pos + 8, &b) && AsciiSixteen16(a, b)) {
+        if (!kCount) Store(t + out, _mm_packus_epi16(a, b));
+        pos += 16;
+        out += 16;
+        continue;
+      }
+    }
+    if (!EncodableEight(a)) break;
+    PutEight<kCount>(a, t, &out);
+    pos += 8;
+  }
+  *written = out;
+  return pos;
+}
+
+}  // namespace
+
+size_t Sse2Utf8ToUtf16(const UTF8* s, size_t n, UTF16* t, size_t room, size_t* written) {
+  return Utf8Blocks<Utf16Out>(s, n, t, room, written);
+}
+
+size_t Sse2Utf8ToUtf32(const UTF8* s, size_t n, UTF32* t, size_t room, size_t* written) {
+  return Utf8Blocks<Utf32Out>(s, n, t, room, written);
+}
+
+size_t Sse2Utf8Count(const UTF8* s, size_t n, size_t* units) {
+  return Utf8Blocks<CountOut>(s, n, nullptr, 0, units);
+}
+
+size_t Sse2Utf16ToUtf8(const UTF16* s, size_t n, UTF8* t, size_t room, size_t* written) {
+  return Utf16Blocks<false>(s, n, t, room, written);
+}
+
+size_t Sse2Utf16CountUtf8(const UTF16* s, size_t n, size_t* bytes) {
+  return Utf16Blocks<true>(s, n, nullptr, 0, bytes);
+}
+
+size_t Sse2Utf32ToUtf8(const UTF32* s, size_t n, UTF8* t, size_t room, size_t* written) {
+  return Utf32Blocks<false>(s, n, t, room, written);
+}
+
+size_t Sse2Utf32CountUtf8(const UTF32* s, size_t n, size_t* bytes) {
+  return Utf32Blocks<true>(s, n, nullptr, 0, bytes);
+}
+
+AMBIT_SSE2 size_t Sse2Utf16ToUtf32(const UTF16* s, size_t n, UTF32* t) {
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i surrogate = _mm_set1_epi16(static_cast<short>(0xD800));
+  const __m128i topMask = _mm_set1_epi16(static_cast<short>(0xF800));
+  size_t pos = 0;
+  while (n - pos >= 8) {
+    const __m128i a = Load(s + pos);
+    if (_mm_movemask_epi8(_mm_cmpeq_epi16(_mm_and_si128(a, topMask), surrogate)) != 0) break;
+    Store(t + pos, _mm_unpacklo_epi16(a, zero));
+    Store(t + pos + 4, _mm_unpackhi_epi16(a, zero));
+    pos += 8;
+  }
+  return pos;
+}
+
+AMBIT_SSE2 size_t Sse2Utf32ToUtf16(const UTF32* s, size_t n, UTF16* t) {
+  const __m128i surrogate = _mm_set1_epi16(static_cast<short>(0xD800));
+  const __m128i topMask = _mm_set1_epi16(static_cast<short>(0xF800));
+  size_t pos = 0;
+  while (n - pos >= 8) {
+    __m128i c;
+    if (!NarrowEight(s + pos, &c)) break;
+    if (_mm_movemask_epi8(_mm_cmpeq_epi16(_mm_and_si128(c, topMask), surrogate)) != 0) break;
+    Store(t + pos, c);
+    pos += 8;
+  }
+  return pos;
+}
+
+}  // namespace ambit_utf
