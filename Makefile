@@ -58,8 +58,9 @@ bench: deps $(BENCH_DIR)/build.ninja
 	  echo "== $$b"; $$b --benchmark_min_time=0.2 --benchmark_repetitions=5 --benchmark_report_aggregates_only=true || exit 1; \
 	done
 
-# The UTF conversion fuzz target (libFuzzer, clang -m32), in its own build
-# directory; new inputs it finds are kept in $(FUZZ_DIR)/corpus.
+# The fuzz targets (libFuzzer, clang -m32), in their own build directory,
+# each run for FUZZ_SECONDS; new inputs each finds are kept in a corpus
+# directory of its own under $(FUZZ_DIR).
 $(FUZZ_DIR)/build.ninja:
 	cmake -G Ninja -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/i386-clang-toolchain.cmake \
 	  -S fuzz -B $(FUZZ_DIR)
@@ -69,6 +70,10 @@ fuzz: deps $(FUZZ_DIR)/build.ninja
 	@mkdir -p $(FUZZ_DIR)/corpus
 	$(FUZZ_DIR)/ambit_fuzz_utf -max_total_time=$(FUZZ_SECONDS) -max_len=1024 \
 	  -print_final_stats=1 -artifact_prefix=$(FUZZ_DIR)/ $(FUZZ_DIR)/corpus fuzz/corpus
+	@mkdir -p $(FUZZ_DIR)/corpus-utf-vector
+	$(FUZZ_DIR)/ambit_fuzz_utf_vector -max_total_time=$(FUZZ_SECONDS) -max_len=1024 \
+	  -print_final_stats=1 -artifact_prefix=$(FUZZ_DIR)/utf-vector- \
+	  $(FUZZ_DIR)/corpus-utf-vector fuzz/corpus-utf-vector
 
 # One table of every ratio the benchmarks measure, with the goals.
 bench-report: deps $(BENCH_DIR)/build.ninja
