@@ -131,6 +131,16 @@ AMBIT_SSE2 inline __m128i DecodeHalf(__m128i b0, __m128i b1, __m128i b2) {
   return _mm_or_si128(_mm_and_si128(isAscii, b0), _mm_andnot_si128(isAscii, multi));
 }
 
+// For each byte position, how many of the positions before it start a
+// character (are not marked in isCont): an exclusive prefix sum.
+AMBIT_SSE2 inline __m128i StartsBefore(__m128i isCont) {
+  __m128i x = _mm_slli_si128(_mm_andnot_si128(isCont, _mm_set1_epi8(1)), 1);
+  x = _mm_add_epi8(x, _mm_slli_si128(x, 1));
+  x = _mm_add_epi8(x, _mm_slli_si128(x, 2));
+  x = _mm_add_epi8(x, _mm_slli_si128(x, 4));
+  return _mm_add_epi8(x, _mm_slli_si128(x, 8));
+}
+
 template <typename Out>
 AMBIT_SSE2 size_t Utf8Blocks(const UTF8* s, size_t n, typename Out::Unit* t, size_t room,
                              size_t* written) {
@@ -145,19 +155,25 @@ AMBIT_SSE2 size_t Utf8Blocks(const UTF8* s, size_t n, typename Out::Unit* t, siz
     const __m128i v0 = Load(p);
     if (_mm_movemask_epi8(_mm_cmpeq_epi8(v0, zero)) != 0) break;
     const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(v0));
-    if (high == 0) {  // sixteen ASCII characters
-      if (!kCount) {
-        Put8(t + out, _mm_unpacklo_epi8(v0, zero));
-        Put8(t + out + 8, _mm_unpackhi_epi8(v0, zero));
+    if (high == 0) {  // sixteen ASCII characters, and maybe more
+      __m128i v = v0;
+      for (;;) {
+        if (!kCount) {
+          Put8(t + out, _mm_unpacklo_epi8(v, zero));
+          Put8(t + out + 8, _mm_unpackhi_epi8(v, zero));
+        }
+        pos += 16;
+        out += 16;
+        if (n - pos < 16 || (!kCount && room - out < 17)) break;
+        v = Load(s + pos);
+        if (_mm_movemask_epi8(_mm_or_si128(v, _mm_cmpeq_epi8(v, zero))) != 0) break;
       }
-      pos += 16;
-      out += 16;
       continue;
     }
     if (n - pos < 18) break;
     const __m128i v1 = Load(p + 1), v2 = Load(p + 2);
     __m128i six;
-    if (DecodeSixThreeByte(v0, v1, v2, &six)) {
+    if ((p[0] & 0xF0) == 0xE0 && DecodeSixThreeByte(v0, v1, v2, &six)) {
       if (!kCount) Put6(t + out, six);
       pos += 18;
       out += 6;
@@ -166,8 +182,8 @@ AMBIT_SSE2 size_t Utf8Blocks(const UTF8* s, size_t n, typename Out::Unit* t, siz
     // Classes of the sixteen bytes, as bit masks. As signed bytes,
     // continuations 0x80..0xBF are -128..-65, two-byte leads 0xC2..0xDF are
     // -62..-33 and three-byte leads 0xE0..0xEF are -32..-17.
-    const unsigned cont =
-        static_cast<unsigned>(_mm_movemask_epi8(_mm_cmplt_epi8(v0, _mm_set1_epi8(-64))));
+    const __m128i isCont = _mm_cmplt_epi8(v0, _mm_set1_epi8(-64));
+    const unsigned cont = static_cast<unsigned>(_mm_movemask_epi8(isCont));
     const unsigned lead2 = static_cast<unsigned>(_mm_movemask_epi8(_mm_and_si128(
         _mm_cmpgt_epi8(v0, _mm_set1_epi8(-63)), _mm_cmplt_epi8(v0, _mm_set1_epi8(-32)))));
     const unsigned lead3 = static_cast<unsigned>(_mm_movemask_epi8(_mm_and_si128(
@@ -184,8 +200,7 @@ AMBIT_SSE2 size_t Utf8Blocks(const UTF8* s, size_t n, typename Out::Unit* t, siz
         _mm_and_si128(_mm_cmpeq_epi8(v0, _mm_set1_epi8(-32)), _mm_cmplt_epi8(v1, _mm_set1_epi8(-96))),
         _mm_and_si128(_mm_cmpeq_epi8(v0, _mm_set1_epi8(-19)), _mm_cmpgt_epi8(v1, _mm_set1_epi8(-97))));
     if (_mm_movemask_epi8(bad) != 0) break;
-    const unsigned starts = ascii | lead2 | lead3;
-    const unsigned chars = Popcount16(starts);
+    const unsigned chars = 16 - Popcount16(cont);
     if (!kCount) {
       alignas(16) UTF16 value[16];
       _mm_store_si128(reinterpret_cast<__m128i*>(value),
@@ -194,15 +209,14 @@ AMBIT_SSE2 size_t Utf8Blocks(const UTF8* s, size_t n, typename Out::Unit* t, siz
       _mm_store_si128(reinterpret_cast<__m128i*>(value + 8),
                       DecodeHalf(_mm_unpackhi_epi8(v0, zero), _mm_unpackhi_epi8(v1, zero),
                                  _mm_unpackhi_epi8(v2, zero)));
-      // Every value is stored where the next character goes; only starts
-      // advance. The store after the last start lands on base[chars].
+      // Every value is stored where the next character goes: at the count
+      // of starts before it. A continuation's store is overwritten by the
+      // next start's; the last one may land on base[chars].
+      alignas(16) UTF8 index[16];
+      _mm_store_si128(reinterpret_cast<__m128i*>(index), StartsBefore(isCont));
       Unit* const base = t + out;
       const Unit spilled = base[chars];
-      size_t k = 0;
-      for (unsigned i = 0; i < 16; ++i) {
-        base[k] = value[i];
-        k += (starts >> i) & 1U;
-      }
+      for (unsigned i = 0; i < 16; ++i) base[index[i]] = value[i];
       base[chars] = spilled;
     }
     pos += 16 + ((want >> 16) & 1U) + (want >> 17);
@@ -213,9 +227,9 @@ AMBIT_SSE2 size_t Utf8Blocks(const UTF8* s, size_t n, typename Out::Unit* t, siz
 }
 
 // UTF-8 bytes of the eight UTF-16 values in c, all nonzero, none a
-// surrogate: the bytes of value i in word i (first byte lowest), the
-// lengths in len (16-bit lanes). Returns the total length.
-AMBIT_SSE2 inline unsigned EncodeEight(__m128i c, uint32_t* word, UTF16* len) {
+// surrogate: the bytes of value i in word i (first byte lowest), and where
+// they go relative to the first in offset[i]. Returns the total length.
+AMBIT_SSE2 inline unsigned EncodeEight(__m128i c, uint32_t* word, UTF16* offset) {
   const __m128i isAscii = _mm_cmpeq_epi16(_mm_and_si128(c, _mm_set1_epi16(static_cast<short>(0xFF80))),
                                           _mm_setzero_si128());
   const __m128i isTwo = _mm_cmpeq_epi16(_mm_and_si128(c, _mm_set1_epi16(static_cast<short>(0xF800))),
@@ -236,9 +250,13 @@ AMBIT_SSE2 inline unsigned EncodeEight(__m128i c, uint32_t* word, UTF16* len) {
   Store(word, _mm_unpacklo_epi16(low, third));
   Store(word + 4, _mm_unpackhi_epi16(low, third));
   const __m128i length = _mm_add_epi16(_mm_set1_epi16(3), _mm_add_epi16(isAscii, isTwo));
-  Store(len, length);
-  const __m128i sums = _mm_sad_epu8(length, _mm_setzero_si128());
-  return static_cast<unsigned>(_mm_cvtsi128_si32(sums) + _mm_cvtsi128_si32(_mm_srli_si128(sums, 8)));
+  // Where each value goes: the lengths of those before it, summed.
+  __m128i at = _mm_slli_si128(length, 2);
+  at = _mm_add_epi16(at, _mm_slli_si128(at, 2));
+  at = _mm_add_epi16(at, _mm_slli_si128(at, 4));
+  at = _mm_add_epi16(at, _mm_slli_si128(at, 8));
+  Store(offset, at);
+  return static_cast<unsigned>(_mm_extract_epi16(_mm_add_epi16(at, length), 7));
 }
 
 // True when none of the eight UTF-16 units in c is zero or a surrogate.
@@ -249,53 +267,97 @@ AMBIT_SSE2 inline bool EncodableEight(__m128i c) {
   return _mm_movemask_epi8(bad) == 0;
 }
 
+// Packs the three low bytes of each 32-bit lane of w into bytes 0..11.
+AMBIT_SSE2 inline __m128i PackThreeOfFour(__m128i w) {
+  // Within each 64-bit half: bytes 0..2 stay, bytes 4..6 move to 3..5.
+  const __m128i q = _mm_or_si128(
+      _mm_and_si128(w, _mm_set_epi32(0, 0x00FFFFFF, 0, 0x00FFFFFF)),
+      _mm_and_si128(_mm_srli_epi64(w, 8), _mm_set_epi32(0x0000FFFF, static_cast<int>(0xFF000000U),
+                                                        0x0000FFFF, static_cast<int>(0xFF000000U))));
+  // Then bytes 8..13 move to 6..11.
+  return _mm_or_si128(_mm_and_si128(q, _mm_set_epi32(0, 0, 0x0000FFFF, -1)),
+                      _mm_and_si128(_mm_srli_si128(q, 2), _mm_set_epi32(0, -1, static_cast<int>(0xFFFF0000U), 0)));
+}
+
+// Eight values of 0x800..0xFFFF, none a surrogate, as 24 bytes at t.
+AMBIT_SSE2 inline void PutEightThreeByte(__m128i c, UTF8* t) {
+  const __m128i mid6 = _mm_set1_epi16(0x3F00);
+  const __m128i first = _mm_or_si128(
+      _mm_or_si128(_mm_srli_epi16(c, 12), _mm_and_si128(_mm_slli_epi16(c, 2), mid6)),
+      _mm_set1_epi16(static_cast<short>(0x80E0)));
+  const __m128i third =
+      _mm_or_si128(_mm_and_si128(c, _mm_set1_epi16(0x3F)), _mm_set1_epi16(0x80));
+  const __m128i a = PackThreeOfFour(_mm_unpacklo_epi16(first, third));
+  const __m128i b = PackThreeOfFour(_mm_unpackhi_epi16(first, third));
+  Store(t, _mm_or_si128(a, _mm_slli_si128(b, 12)));
+  _mm_storel_epi64(reinterpret_cast<__m128i*>(t + 16), _mm_srli_si128(b, 4));
+}
+
 // One block of eight encodable values to UTF-8 at t + *out (or only
 // counted). The target has room for 28 bytes past *out.
 template <bool kCount>
 AMBIT_SSE2 inline void PutEight(__m128i c, UTF8* t, size_t* out) {
+  if (_mm_movemask_epi8(_mm_cmpeq_epi16(
+          _mm_and_si128(c, _mm_set1_epi16(static_cast<short>(0xF800))), _mm_setzero_si128())) == 0) {
+    if (!kCount) PutEightThreeByte(c, t + *out);
+    *out += 24;
+    return;
+  }
   alignas(16) uint32_t word[8];
-  alignas(16) UTF16 len[8];
-  const unsigned total = EncodeEight(c, word, len);
+  alignas(16) UTF16 offset[8];
+  const unsigned total = EncodeEight(c, word, offset);
   if (!kCount) {
     // Each character is stored as a whole word; the bytes after the last
     // one are put back.
     UTF8* const base = t + *out;
     uint32_t spilled;
     std::memcpy(&spilled, base + total, sizeof spilled);
-    size_t k = 0;
-    for (unsigned i = 0; i < 8; ++i) {
-      std::memcpy(base + k, &word[i], sizeof word[i]);
-      k += len[i];
-    }
+    for (unsigned i = 0; i < 8; ++i) std::memcpy(base + offset[i], &word[i], sizeof word[i]);
     std::memcpy(base + total, &spilled, sizeof spilled);
   }
   *out += total;
 }
 
-// True when none of the sixteen units in a, b is zero or above 0x7F.
-AMBIT_SSE2 inline bool AsciiSixteen16(__m128i a, __m128i b) {
-  const __m128i zero = _mm_setzero_si128();
-  const __m128i high = _mm_and_si128(_mm_or_si128(a, b), _mm_set1_epi16(static_cast<short>(0xFF80)));
-  const __m128i bad = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi16(a, zero), _mm_cmpeq_epi16(b, zero)),
-                                   _mm_xor_si128(_mm_cmpeq_epi16(high, zero), _mm_set1_epi8(-1)));
-  return _mm_movemask_epi8(bad) == 0;
+// Sixteen packed bytes, when each is 0x01..0x7F. The saturating packs that
+// made them turn a unit above 0x7F into a byte with the high bit set (or
+// zero, for a unit that is negative as a signed value), so both are caught.
+AMBIT_SSE2 inline bool AsciiBytes(__m128i bytes) {
+  return _mm_movemask_epi8(_mm_or_si128(bytes, _mm_cmpeq_epi8(bytes, _mm_setzero_si128()))) == 0;
+}
+
+// Runs of sixteen ASCII units from UTF-16 or UTF-32 to bytes (or only
+// counted), while the source holds sixteen more and the target has room.
+AMBIT_SSE2 inline __m128i PackSixteen(const UTF16* s) {
+  return _mm_packus_epi16(Load(s), Load(s + 8));
+}
+AMBIT_SSE2 inline __m128i PackSixteen(const UTF32* s) {
+  return _mm_packus_epi16(_mm_packs_epi32(Load(s), Load(s + 4)),
+                          _mm_packs_epi32(Load(s + 8), Load(s + 12)));
+}
+
+template <bool kCount, typename S>
+AMBIT_SSE2 inline void AsciiRun(const S* s, size_t n, UTF8* t, size_t room, size_t* pos,
+                                size_t* out) {
+  while (n - *pos >= 16 && (kCount || room - *out >= 16)) {
+    const __m128i bytes = PackSixteen(s + *pos);
+    if (!AsciiBytes(bytes)) break;
+    if (!kCount) Store(t + *out, bytes);
+    *pos += 16;
+    *out += 16;
+  }
 }
 
 template <bool kCount>
 AMBIT_SSE2 size_t Utf16Blocks(const UTF16* s, size_t n, UTF8* t, size_t room, size_t* written) {
   size_t pos = 0, out = 0;
   while (n - pos >= 8) {
+    if (s[pos] < 0x80) {
+      const size_t from = pos;
+      AsciiRun<kCount>(s, n, t, room, &pos, &out);
+      if (pos != from) continue;
+    }
     if (!kCount && room - out < 28) break;
     const __m128i a = Load(s + pos);
-    if (n - pos >= 16) {
-      const __m128i b = Load(s + pos + 8);
-      if (AsciiSixteen16(a, b)) {
-        if (!kCount) Store(t + out, _mm_packus_epi16(a, b));
-        pos += 16;
-        out += 16;
-        continue;
-      }
-    }
     if (!EncodableEight(a)) break;
     PutEight<kCount>(a, t, &out);
     pos += 8;
@@ -322,19 +384,14 @@ template <bool kCount>
 AMBIT_SSE2 size_t Utf32Blocks(const UTF32* s, size_t n, UTF8* t, size_t room, size_t* written) {
   size_t pos = 0, out = 0;
   while (n - pos >= 8) {
+    if (s[pos] < 0x80) {
+      const size_t from = pos;
+      AsciiRun<kCount>(s, n, t, room, &pos, &out);
+      if (pos != from) continue;
+    }
     if (!kCount && room - out < 28) break;
     __m128i a;
-    if (!NarrowEight(s + pos, &a)) break;
-    if (n - pos >= 16) {
-      __m128i b;
-      if (NarrowEight(s + pos + 8, &b) && AsciiSixteen16(a, b)) {
-        if (!kCount) Store(t + out, _mm_packus_epi16(a, b));
-        pos += 16;
-        out += 16;
-        continue;
-      }
-    }
-    if (!EncodableEight(a)) break;
+    if (!NarrowEight(s + pos, &a) || !EncodableEight(a)) break;
     PutEight<kCount>(a, t, &out);
     pos += 8;
   }
