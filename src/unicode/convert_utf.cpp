@@ -2,7 +2,7 @@
 // run the fast engines of convert_utf_impl.h, writing through a BufferSink
 // (converters) or a CountSink (counters); the two directions between UTF-16
 // and UTF-32 have no stop at zero and are written out here, with their own
-// SSE2 kernels for runs of units that map one to one.
+// SSE2 kernels.
 #include "ambit/convertutf.h"
 
 #include "unicode/convert_utf_impl.h"
@@ -23,13 +23,12 @@ ConversionResult ConvertUTF32toUTF16(const UTF32** sourceStart, const UTF32* sou
   while (going && source < sourceEnd) {
     const UTF32* stop = sourceEnd;
     if (vector) {
-      size_t n = Remaining(source, sourceEnd);
-      const size_t room = Remaining(target, targetEnd);
-      if (room < n) n = room;
-      const size_t taken = Sse2Utf32ToUtf16(source, n, target);
+      size_t written = 0;
+      const size_t taken = Sse2Utf32ToUtf16(source, Remaining(source, sourceEnd), target,
+                                            Remaining(target, targetEnd), &written);
       source += taken;
-      target += taken;
-      window.After(taken != 0);
+      target += written;
+      window.After(taken);
       stop = window.Limit(source, sourceEnd);
     }
     while (source < stop) {
@@ -87,13 +86,12 @@ ConversionResult ConvertUTF16toUTF32(const UTF16** sourceStart, const UTF16* sou
   while (going && source < sourceEnd) {
     const UTF16* stop = sourceEnd;
     if (vector) {
-      size_t n = Remaining(source, sourceEnd);
-      const size_t room = Remaining(target, targetEnd);
-      if (room < n) n = room;
-      const size_t taken = Sse2Utf16ToUtf32(source, n, target);
+      size_t written = 0;
+      const size_t taken = Sse2Utf16ToUtf32(source, Remaining(source, sourceEnd), target,
+                                            Remaining(target, targetEnd), &written);
       source += taken;
-      target += taken;
-      window.After(taken != 0);
+      target += written;
+      window.After(taken);
       stop = window.Limit(source, sourceEnd);
     }
     while (source < stop) {

@@ -338,15 +338,16 @@ inline void VectorStep(const UTF32*& source, const UTF32* sourceEnd, CountSink& 
 }
 
 // How many source units the scalar code converts between two kernel calls:
-// a block's worth after a call that took something; doubling, up to a
-// limit, while calls take nothing, so that text the kernels refuse (such as
-// emoji between short words) pays little for the attempts.
+// a block's worth after a call that took a long run; doubling, up to a
+// limit, after calls that took little or nothing, so that text the kernels
+// mostly refuse (emoji between short words) pays little for the attempts.
 class VectorWindow {
  public:
   static constexpr size_t kMin = 16;
   static constexpr size_t kMax = 512;
+  static constexpr size_t kLongRun = 64;
 
-  void After(bool took) { m_n = took ? kMin : (m_n < kMax ? m_n * 2 : kMax); }
+  void After(size_t taken) { m_n = taken >= kLongRun ? kMin : (m_n < kMax ? m_n * 2 : kMax); }
   // `end` pulled in to at most the window's units past `source`.
   template <typename S>
   const S* Limit(const S* source, const S* end) const {
@@ -479,7 +480,7 @@ ConversionResult Utf8ToWideFast(const UTF8** sourceStart, const UTF8* sourceEnd,
     if (vector) {
       const UTF8* const before = source;
       VectorStep(source, sourceEnd, sink);
-      window.After(source != before);
+      window.After(Remaining(before, source));
     }
     // In bulk: with four source bytes left and room for four units at every
     // step (see BulkEnd), no well-formed character can run out of either,
@@ -777,7 +778,7 @@ ConversionResult Utf16ToUtf8(const UTF16** sourceStart, const UTF16* sourceEnd, 
       if (vector) {
         const UTF16* const before = source;
         VectorStep(source, sourceEnd, sink);
-        window.After(source != before);
+        window.After(Remaining(before, source));
         if (source >= sourceEnd || *source == 0) break;
       }
       // In bulk (see BulkEnd): ASCII, other BMP characters and proper pairs
@@ -865,7 +866,7 @@ ConversionResult Utf32ToUtf8(const UTF32** sourceStart, const UTF32* sourceEnd, 
       if (vector) {
         const UTF32* const before = source;
         VectorStep(source, sourceEnd, sink);
-        window.After(source != before);
+        window.After(Remaining(before, source));
         if (source >= sourceEnd || *source == 0) break;
       }
       // In bulk (see BulkEnd): scalar values need no bounds checks.

@@ -347,6 +347,135 @@ AMBIT_SSE2 inline void AsciiRun(const S* s, size_t n, UTF8* t, size_t room, size
   }
 }
 
+// UTF-8 form of four code points (32-bit lanes, none above 0x10FFFF, none
+// a surrogate): the bytes in the lanes of *word (first byte lowest), the
+// lengths in the lanes of *length.
+AMBIT_SSE2 inline void EncodeFourWide(__m128i c, __m128i* word, __m128i* length) {
+  const __m128i low6 = _mm_set1_epi32(0x3F);
+  const __m128i t0 = _mm_and_si128(c, low6);
+  const __m128i t1 = _mm_and_si128(_mm_srli_epi32(c, 6), low6);
+  const __m128i t2 = _mm_and_si128(_mm_srli_epi32(c, 12), low6);
+  const __m128i two = _mm_or_si128(_mm_or_si128(_mm_srli_epi32(c, 6), _mm_slli_epi32(t0, 8)),
+                                   _mm_set1_epi32(0x80C0));
+  const __m128i three = _mm_or_si128(
+      _mm_or_si128(_mm_srli_epi32(c, 12), _mm_slli_epi32(t1, 8)),
+      _mm_or_si128(_mm_slli_epi32(t0, 16), _mm_set1_epi32(0x8080E0)));
+  const __m128i four = _mm_or_si128(
+      _mm_or_si128(_mm_or_si128(_mm_srli_epi32(c, 18), _mm_slli_epi32(t2, 8)),
+                   _mm_or_si128(_mm_slli_epi32(t1, 16), _mm_slli_epi32(t0, 24))),
+      _mm_set1_epi32(static_cast<int>(0x808080F0U)));
+  const __m128i is1 = _mm_cmplt_epi32(c, _mm_set1_epi32(0x80));
+  const __m128i is2 = _mm_cmplt_epi32(c, _mm_set1_epi32(0x800));
+  const __m128i is3 = _mm_cmplt_epi32(c, _mm_set1_epi32(0x10000));
+  __m128i w = _mm_or_si128(_mm_and_si128(is3, three), _mm_andnot_si128(is3, four));
+  w = _mm_or_si128(_mm_and_si128(is2, two), _mm_andnot_si128(is2, w));
+  *word = _mm_or_si128(_mm_and_si128(is1, c), _mm_andnot_si128(is1, w));
+  *length = _mm_add_epi32(_mm_set1_epi32(4), _mm_add_epi32(is1, _mm_add_epi32(is2, is3)));
+}
+
+// UTF-8 of eight code points (lanes of c0, then c1), leaving out the lanes
+// marked in skip0 and skip1, at t + *out or only counted. The target has
+// room for 36 bytes past *out.
+template <bool kCount>
+AMBIT_SSE2 inline void PutWideEight(__m128i c0, __m128i c1, __m128i skip0, __m128i skip1,
+                                    UTF8* t, size_t* out) {
+  __m128i w0, w1, l0, l1;
+  EncodeFourWide(c0, &w0, &l0);
+  EncodeFourWide(c1, &w1, &l1);
+  l0 = _mm_andnot_si128(skip0, l0);
+  l1 = _mm_andnot_si128(skip1, l1);
+  __m128i sum = _mm_add_epi32(l0, l1);
+  sum = _mm_add_epi32(sum, _mm_srli_si128(sum, 8));
+  sum = _mm_add_epi32(sum, _mm_srli_si128(sum, 4));
+  const unsigned total = static_cast<unsigned>(_mm_cvtsi128_si32(sum));
+  if (!kCount) {
+    alignas(16) uint32_t word[8], length[8];
+    Store(word, w0);
+    Store(word + 4, w1);
+    Store(length, l0);
+    Store(length + 4, l1);
+    UTF8* const base = t + *out;
+    uint32_t spilled;
+    std::memcpy(&spilled, base + total, sizeof spilled);
+    size_t k = 0;
+    for (unsigned i = 0; i < 8; ++i) {
+      std::memcpy(base + k, &word[i], sizeof word[i]);
+      k += length[i];
+    }
+    std::memcpy(base + total, &spilled, sizeof spilled);
+  }
+  *out += total;
+}
+
+// UTF-8 of eight UTF-16 units at s that hold only nonzero units and whole
+// surrogate pairs, a pair possibly ending at s[8] (which must be readable),
+// at t + *out or only counted; the target has room for 36 bytes past *out.
+// Returns the units taken (8 or 9), or 0 when the units do not qualify.
+// Works in 16-bit lanes: a pair's four bytes come from the high surrogate
+// (first two) and the low one (last two); a low surrogate's lane writes
+// nothing.
+template <bool kCount>
+AMBIT_SSE2 inline size_t PutEightWithPairs(const UTF16* s, UTF8* t, size_t* out) {
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i a = Load(s), b = Load(s + 1);
+  const __m128i top10 = _mm_set1_epi16(static_cast<short>(0xFC00));
+  const __m128i lowTag = _mm_set1_epi16(static_cast<short>(0xDC00));
+  const __m128i isHigh = _mm_cmpeq_epi16(_mm_and_si128(a, top10), _mm_set1_epi16(static_cast<short>(0xD800)));
+  const __m128i isLow = _mm_cmpeq_epi16(_mm_and_si128(a, top10), lowTag);
+  if (_mm_movemask_epi8(_mm_cmpeq_epi16(a, zero)) != 0) return 0;
+  const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(isHigh));
+  const unsigned low = static_cast<unsigned>(_mm_movemask_epi8(isLow));
+  const unsigned lowNext = static_cast<unsigned>(
+      _mm_movemask_epi8(_mm_cmpeq_epi16(_mm_and_si128(b, top10), lowTag)));
+  // Each high is followed by a low, and each low follows a high.
+  if ((high & ~lowNext) != 0 || low != ((high << 2) & 0xFFFFU)) return 0;
+
+  const __m128i isAscii = _mm_cmpeq_epi16(_mm_and_si128(a, _mm_set1_epi16(static_cast<short>(0xFF80))), zero);
+  const __m128i isTwo = _mm_cmpeq_epi16(_mm_and_si128(a, _mm_set1_epi16(static_cast<short>(0xF800))), zero);
+  const __m128i length = _mm_andnot_si128(
+      isLow, _mm_sub_epi16(_mm_add_epi16(_mm_set1_epi16(3), _mm_add_epi16(isAscii, isTwo)), isHigh));
+  __m128i at = _mm_slli_si128(length, 2);
+  at = _mm_add_epi16(at, _mm_slli_si128(at, 2));
+  at = _mm_add_epi16(at, _mm_slli_si128(at, 4));
+  at = _mm_add_epi16(at, _mm_slli_si128(at, 8));
+  const unsigned total = static_cast<unsigned>(_mm_extract_epi16(_mm_add_epi16(at, length), 7));
+  if (!kCount) {
+    const __m128i mid6 = _mm_set1_epi16(0x3F00);
+    const __m128i two = _mm_or_si128(
+        _mm_or_si128(_mm_srli_epi16(a, 6), _mm_and_si128(_mm_slli_epi16(a, 8), mid6)),
+        _mm_set1_epi16(static_cast<short>(0x80C0)));
+    const __m128i three = _mm_or_si128(
+        _mm_or_si128(_mm_srli_epi16(a, 12), _mm_and_si128(_mm_slli_epi16(a, 2), mid6)),
+        _mm_set1_epi16(static_cast<short>(0x80E0)));
+    const __m128i third = _mm_or_si128(_mm_and_si128(a, _mm_set1_epi16(0x3F)), _mm_set1_epi16(0x80));
+    // The code point's bits above the low ten: (high & 0x3FF) + 0x40.
+    const __m128i hh = _mm_add_epi16(_mm_and_si128(a, _mm_set1_epi16(0x3FF)), _mm_set1_epi16(0x40));
+    const __m128i fourFirst = _mm_or_si128(
+        _mm_or_si128(_mm_srli_epi16(hh, 8), _mm_and_si128(_mm_slli_epi16(hh, 6), mid6)),
+        _mm_set1_epi16(static_cast<short>(0x80F0)));
+    const __m128i fourLast = _mm_or_si128(
+        _mm_or_si128(_mm_slli_epi16(_mm_and_si128(hh, _mm_set1_epi16(3)), 4),
+                     _mm_and_si128(_mm_srli_epi16(b, 6), _mm_set1_epi16(0xF))),
+        _mm_or_si128(_mm_and_si128(_mm_slli_epi16(b, 8), mid6), _mm_set1_epi16(static_cast<short>(0x8080))));
+    __m128i first = _mm_or_si128(_mm_and_si128(isHigh, fourFirst), _mm_andnot_si128(isHigh, three));
+    first = _mm_or_si128(_mm_and_si128(isTwo, two), _mm_andnot_si128(isTwo, first));
+    first = _mm_or_si128(_mm_and_si128(isAscii, a), _mm_andnot_si128(isAscii, first));
+    const __m128i last = _mm_or_si128(_mm_and_si128(isHigh, fourLast), _mm_andnot_si128(isHigh, third));
+    alignas(16) uint32_t word[8];
+    alignas(16) UTF16 offset[8];
+    Store(word, _mm_unpacklo_epi16(first, last));
+    Store(word + 4, _mm_unpackhi_epi16(first, last));
+    Store(offset, at);
+    UTF8* const base = t + *out;
+    uint32_t spilled;
+    std::memcpy(&spilled, base + total, sizeof spilled);
+    for (unsigned i = 0; i < 8; ++i) std::memcpy(base + offset[i], &word[i], sizeof word[i]);
+    std::memcpy(base + total, &spilled, sizeof spilled);
+  }
+  *out += total;
+  return 8 + (high >> 15);
+}
+
 template <bool kCount>
 AMBIT_SSE2 size_t Utf16Blocks(const UTF16* s, size_t n, UTF8* t, size_t room, size_t* written) {
   size_t pos = 0, out = 0;
@@ -358,9 +487,16 @@ AMBIT_SSE2 size_t Utf16Blocks(const UTF16* s, size_t n, UTF8* t, size_t room, si
     }
     if (!kCount && room - out < 28) break;
     const __m128i a = Load(s + pos);
-    if (!EncodableEight(a)) break;
-    PutEight<kCount>(a, t, &out);
-    pos += 8;
+    if (EncodableEight(a)) {
+      PutEight<kCount>(a, t, &out);
+      pos += 8;
+      continue;
+    }
+    // Surrogate pairs among the eight.
+    if (n - pos < 9 || (!kCount && room - out < 36)) break;
+    const size_t taken = PutEightWithPairs<kCount>(s + pos, t, &out);
+    if (taken == 0) break;
+    pos += taken;
   }
   *written = out;
   return pos;
@@ -380,8 +516,18 @@ AMBIT_SSE2 inline bool NarrowEight(const UTF32* s, __m128i* c) {
   return true;
 }
 
+// Lanes of four UTF-32 units that are not scalar values: above 0x10FFFF or
+// surrogates.
+AMBIT_SSE2 inline __m128i NotScalar(__m128i c) {
+  return _mm_or_si128(
+      _mm_cmpgt_epi32(_mm_srli_epi32(c, 16), _mm_set1_epi32(0x10)),
+      _mm_cmpeq_epi32(_mm_and_si128(c, _mm_set1_epi32(static_cast<int>(0xFFFFF800U))),
+                      _mm_set1_epi32(0xD800)));
+}
+
 template <bool kCount>
 AMBIT_SSE2 size_t Utf32Blocks(const UTF32* s, size_t n, UTF8* t, size_t room, size_t* written) {
+  const __m128i zero = _mm_setzero_si128();
   size_t pos = 0, out = 0;
   while (n - pos >= 8) {
     if (s[pos] < 0x80) {
@@ -391,8 +537,20 @@ AMBIT_SSE2 size_t Utf32Blocks(const UTF32* s, size_t n, UTF8* t, size_t room, si
     }
     if (!kCount && room - out < 28) break;
     __m128i a;
-    if (!NarrowEight(s + pos, &a) || !EncodableEight(a)) break;
-    PutEight<kCount>(a, t, &out);
+    if (NarrowEight(s + pos, &a)) {
+      if (!EncodableEight(a)) break;
+      PutEight<kCount>(a, t, &out);
+      pos += 8;
+      continue;
+    }
+    // Supplementary characters among the eight.
+    if (!kCount && room - out < 36) break;
+    const __m128i c0 = Load(s + pos), c1 = Load(s + pos + 4);
+    const __m128i bad = _mm_or_si128(
+        _mm_or_si128(NotScalar(c0), NotScalar(c1)),
+        _mm_or_si128(_mm_cmpeq_epi32(c0, zero), _mm_cmpeq_epi32(c1, zero)));
+    if (_mm_movemask_epi8(bad) != 0) break;
+    PutWideEight<kCount>(c0, c1, zero, zero, t, &out);
     pos += 8;
   }
   *written = out;
@@ -429,32 +587,113 @@ size_t Sse2Utf32CountUtf8(const UTF32* s, size_t n, size_t* bytes) {
   return Utf32Blocks<true>(s, n, nullptr, 0, bytes);
 }
 
-AMBIT_SSE2 size_t Sse2Utf16ToUtf32(const UTF16* s, size_t n, UTF32* t) {
+AMBIT_SSE2 size_t Sse2Utf16ToUtf32(const UTF16* s, size_t n, UTF32* t, size_t room,
+                                   size_t* written) {
   const __m128i zero = _mm_setzero_si128();
   const __m128i surrogate = _mm_set1_epi16(static_cast<short>(0xD800));
   const __m128i topMask = _mm_set1_epi16(static_cast<short>(0xF800));
-  size_t pos = 0;
-  while (n - pos >= 8) {
+  const __m128i top10 = _mm_set1_epi16(static_cast<short>(0xFC00));
+  size_t pos = 0, out = 0;
+  // Each block writes at most eight units and may spill one more.
+  while (n - pos >= 8 && room - out >= 9) {
     const __m128i a = Load(s + pos);
-    if (_mm_movemask_epi8(_mm_cmpeq_epi16(_mm_and_si128(a, topMask), surrogate)) != 0) break;
-    Store(t + pos, _mm_unpacklo_epi16(a, zero));
-    Store(t + pos + 4, _mm_unpackhi_epi16(a, zero));
-    pos += 8;
+    if (_mm_movemask_epi8(_mm_cmpeq_epi16(_mm_and_si128(a, topMask), surrogate)) == 0) {
+      Store(t + out, _mm_unpacklo_epi16(a, zero));
+      Store(t + out + 4, _mm_unpackhi_epi16(a, zero));
+      pos += 8;
+      out += 8;
+      continue;
+    }
+    // Surrogate pairs: as PairsEight, but zero is an ordinary unit here.
+    if (n - pos < 9) break;
+    const __m128i b = Load(s + pos + 1);
+    const __m128i isHigh = _mm_cmpeq_epi16(_mm_and_si128(a, top10), surrogate);
+    const __m128i isLow = _mm_cmpeq_epi16(_mm_and_si128(a, top10), _mm_set1_epi16(static_cast<short>(0xDC00)));
+    const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(isHigh));
+    const unsigned low = static_cast<unsigned>(_mm_movemask_epi8(isLow));
+    const unsigned lowNext = static_cast<unsigned>(_mm_movemask_epi8(
+        _mm_cmpeq_epi16(_mm_and_si128(b, top10), _mm_set1_epi16(static_cast<short>(0xDC00)))));
+    if ((high & ~lowNext) != 0 || low != ((high << 2) & 0xFFFFU)) break;
+    const __m128i a0 = _mm_unpacklo_epi16(a, zero), a1 = _mm_unpackhi_epi16(a, zero);
+    const __m128i b0 = _mm_unpacklo_epi16(b, zero), b1 = _mm_unpackhi_epi16(b, zero);
+    const __m128i h0 = _mm_unpacklo_epi16(isHigh, isHigh), h1 = _mm_unpackhi_epi16(isHigh, isHigh);
+    const __m128i offset = _mm_set1_epi32(0x35FDC00);
+    const __m128i p0 = _mm_sub_epi32(_mm_add_epi32(_mm_slli_epi32(a0, 10), b0), offset);
+    const __m128i p1 = _mm_sub_epi32(_mm_add_epi32(_mm_slli_epi32(a1, 10), b1), offset);
+    alignas(16) uint32_t value[8];
+    Store(value, _mm_or_si128(_mm_and_si128(h0, p0), _mm_andnot_si128(h0, a0)));
+    Store(value + 4, _mm_or_si128(_mm_and_si128(h1, p1), _mm_andnot_si128(h1, a1)));
+    // Low surrogates are no characters of their own: each value goes where
+    // the next character goes, and the spill past the last is put back.
+    const unsigned chars = 8 - Popcount16(low) / 2;
+    UTF32* const base = t + out;
+    const UTF32 spilled = base[chars];
+    size_t k = 0;
+    for (unsigned i = 0; i < 8; ++i) {
+      base[k] = value[i];
+      k += ((low >> (2 * i)) & 1U) ^ 1U;
+    }
+    base[chars] = spilled;
+    pos += 8 + (high >> 15);
+    out += chars;
   }
+  *written = out;
   return pos;
 }
 
-AMBIT_SSE2 size_t Sse2Utf32ToUtf16(const UTF32* s, size_t n, UTF16* t) {
+AMBIT_SSE2 size_t Sse2Utf32ToUtf16(const UTF32* s, size_t n, UTF16* t, size_t room,
+                                   size_t* written) {
   const __m128i surrogate = _mm_set1_epi16(static_cast<short>(0xD800));
   const __m128i topMask = _mm_set1_epi16(static_cast<short>(0xF800));
-  size_t pos = 0;
-  while (n - pos >= 8) {
+  size_t pos = 0, out = 0;
+  // Each block writes at most sixteen units and may spill two more.
+  while (n - pos >= 8 && room - out >= 18) {
     __m128i c;
-    if (!NarrowEight(s + pos, &c)) break;
-    if (_mm_movemask_epi8(_mm_cmpeq_epi16(_mm_and_si128(c, topMask), surrogate)) != 0) break;
-    Store(t + pos, c);
+    if (NarrowEight(s + pos, &c)) {
+      if (_mm_movemask_epi8(_mm_cmpeq_epi16(_mm_and_si128(c, topMask), surrogate)) != 0) break;
+      Store(t + out, c);
+      pos += 8;
+      out += 8;
+      continue;
+    }
+    // Supplementary characters become pairs: high | low << 16 in a word,
+    // stored whole, two units long; other values one unit.
+    const __m128i c0 = Load(s + pos), c1 = Load(s + pos + 4);
+    if (_mm_movemask_epi8(_mm_or_si128(NotScalar(c0), NotScalar(c1))) != 0) break;
+    alignas(16) uint32_t word[8], length[8];
+    const __m128i bmpMax = _mm_set1_epi32(0xFFFF);
+    const __m128i isPair0 = _mm_cmpgt_epi32(c0, bmpMax), isPair1 = _mm_cmpgt_epi32(c1, bmpMax);
+    const __m128i base0 = _mm_sub_epi32(c0, _mm_set1_epi32(0x10000));
+    const __m128i base1 = _mm_sub_epi32(c1, _mm_set1_epi32(0x10000));
+    const __m128i highBase = _mm_set1_epi32(0xD800), lowBase = _mm_set1_epi32(0xDC00),
+                  mask10 = _mm_set1_epi32(0x3FF);
+    const __m128i pair0 = _mm_or_si128(_mm_add_epi32(_mm_srli_epi32(base0, 10), highBase),
+                                       _mm_slli_epi32(_mm_add_epi32(_mm_and_si128(base0, mask10), lowBase), 16));
+    const __m128i pair1 = _mm_or_si128(_mm_add_epi32(_mm_srli_epi32(base1, 10), highBase),
+                                       _mm_slli_epi32(_mm_add_epi32(_mm_and_si128(base1, mask10), lowBase), 16));
+    Store(word, _mm_or_si128(_mm_and_si128(isPair0, pair0), _mm_andnot_si128(isPair0, c0)));
+    Store(word + 4, _mm_or_si128(_mm_and_si128(isPair1, pair1), _mm_andnot_si128(isPair1, c1)));
+    const __m128i one = _mm_set1_epi32(1);
+    const __m128i l0 = _mm_sub_epi32(one, isPair0), l1 = _mm_sub_epi32(one, isPair1);
+    Store(length, l0);
+    Store(length + 4, l1);
+    __m128i sum = _mm_add_epi32(l0, l1);
+    sum = _mm_add_epi32(sum, _mm_srli_si128(sum, 8));
+    sum = _mm_add_epi32(sum, _mm_srli_si128(sum, 4));
+    const unsigned total = static_cast<unsigned>(_mm_cvtsi128_si32(sum));
+    UTF16* const b = t + out;
+    uint32_t spilled;
+    std::memcpy(&spilled, b + total, sizeof spilled);
+    size_t k = 0;
+    for (unsigned i = 0; i < 8; ++i) {
+      std::memcpy(b + k, &word[i], sizeof word[i]);
+      k += length[i];
+    }
+    std::memcpy(b + total, &spilled, sizeof spilled);
     pos += 8;
+    out += total;
   }
+  *written = out;
   return pos;
 }
 

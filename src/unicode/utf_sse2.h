@@ -14,10 +14,10 @@
 // past s + n, and never changes a target unit at or past the units it
 // reports written. It returns the source units it consumed.
 //
-// Handled: UTF-8 characters of one to three bytes; UTF-16 and UTF-32 units
-// up to 0xFFFF that are not surrogates. Supplementary characters,
-// surrogates, ill-formed input and the zero that stops a conversion are
-// left to the scalar code. Private to the library.
+// Handled: UTF-8 characters of one to three bytes; scalar values in UTF-16
+// (proper surrogate pairs included) and UTF-32. Four-byte UTF-8, unpaired
+// surrogates, other ill-formed input and the zero that stops a conversion
+// are left to the scalar code. Private to the library.
 
 #include <cstddef>
 
@@ -38,10 +38,9 @@ size_t Sse2Utf16CountUtf8(const UTF16* s, size_t n, size_t* bytes);
 size_t Sse2Utf32ToUtf8(const UTF32* s, size_t n, UTF8* t, size_t room, size_t* written);
 size_t Sse2Utf32CountUtf8(const UTF32* s, size_t n, size_t* bytes);
 
-// UTF-16 to UTF-32 and back, one unit for one: n is the units that both the
-// source and the target hold. Zero is converted like any unit.
-size_t Sse2Utf16ToUtf32(const UTF16* s, size_t n, UTF32* t);
-size_t Sse2Utf32ToUtf16(const UTF32* s, size_t n, UTF16* t);
+// UTF-16 to UTF-32 and back. Zero is converted like any unit.
+size_t Sse2Utf16ToUtf32(const UTF16* s, size_t n, UTF32* t, size_t room, size_t* written);
+size_t Sse2Utf32ToUtf16(const UTF32* s, size_t n, UTF16* t, size_t room, size_t* written);
 
 }  // namespace ambit_utf
 
