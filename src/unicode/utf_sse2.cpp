@@ -141,6 +141,14 @@ AMBIT_SSE2 inline __m128i StartsBefore(__m128i isCont) {
   return _mm_add_epi8(x, _mm_slli_si128(x, 8));
 }
 
+// The same when no position holds a three-byte lead.
+AMBIT_SSE2 inline __m128i DecodeHalfTwo(__m128i b0, __m128i b1) {
+  const __m128i isAscii = _mm_cmplt_epi16(b0, _mm_set1_epi16(0x80));
+  const __m128i two = _mm_or_si128(_mm_slli_epi16(_mm_and_si128(b0, _mm_set1_epi16(0x1F)), 6),
+                                   _mm_and_si128(b1, _mm_set1_epi16(0x3F)));
+  return _mm_or_si128(_mm_and_si128(isAscii, b0), _mm_andnot_si128(isAscii, two));
+}
+
 template <typename Out>
 AMBIT_SSE2 size_t Utf8Blocks(const UTF8* s, size_t n, typename Out::Unit* t, size_t room,
                              size_t* written) {
@@ -196,31 +204,42 @@ AMBIT_SSE2 size_t Utf8Blocks(const UTF8* s, size_t n, typename Out::Unit* t, siz
     const unsigned tail = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmplt_epi8(v2, _mm_set1_epi8(-64)))) >> 14;
     if (((want ^ cont) & 0xFFFFU) != 0 || ((want >> 16) & ~tail) != 0) break;
     // After 0xE0 the second byte is at least 0xA0; after 0xED at most 0x9F.
-    const __m128i bad = _mm_or_si128(
-        _mm_and_si128(_mm_cmpeq_epi8(v0, _mm_set1_epi8(-32)), _mm_cmplt_epi8(v1, _mm_set1_epi8(-96))),
-        _mm_and_si128(_mm_cmpeq_epi8(v0, _mm_set1_epi8(-19)), _mm_cmpgt_epi8(v1, _mm_set1_epi8(-97))));
-    if (_mm_movemask_epi8(bad) != 0) break;
-    const unsigned chars = 16 - Popcount16(cont);
-    if (!kCount) {
+    if (lead3 != 0) {
+      const __m128i bad = _mm_or_si128(
+          _mm_and_si128(_mm_cmpeq_epi8(v0, _mm_set1_epi8(-32)), _mm_cmplt_epi8(v1, _mm_set1_epi8(-96))),
+          _mm_and_si128(_mm_cmpeq_epi8(v0, _mm_set1_epi8(-19)), _mm_cmpgt_epi8(v1, _mm_set1_epi8(-97))));
+      if (_mm_movemask_epi8(bad) != 0) break;
+    }
+    if (kCount) {
+      out += 16 - Popcount16(cont);
+    } else {
       alignas(16) UTF16 value[16];
-      _mm_store_si128(reinterpret_cast<__m128i*>(value),
-                      DecodeHalf(_mm_unpacklo_epi8(v0, zero), _mm_unpacklo_epi8(v1, zero),
-                                 _mm_unpacklo_epi8(v2, zero)));
-      _mm_store_si128(reinterpret_cast<__m128i*>(value + 8),
-                      DecodeHalf(_mm_unpackhi_epi8(v0, zero), _mm_unpackhi_epi8(v1, zero),
-                                 _mm_unpackhi_epi8(v2, zero)));
+      if (lead3 == 0) {  // ASCII and two-byte characters only
+        _mm_store_si128(reinterpret_cast<__m128i*>(value),
+                        DecodeHalfTwo(_mm_unpacklo_epi8(v0, zero), _mm_unpacklo_epi8(v1, zero)));
+        _mm_store_si128(reinterpret_cast<__m128i*>(value + 8),
+                        DecodeHalfTwo(_mm_unpackhi_epi8(v0, zero), _mm_unpackhi_epi8(v1, zero)));
+      } else {
+        _mm_store_si128(reinterpret_cast<__m128i*>(value),
+                        DecodeHalf(_mm_unpacklo_epi8(v0, zero), _mm_unpacklo_epi8(v1, zero),
+                                   _mm_unpacklo_epi8(v2, zero)));
+        _mm_store_si128(reinterpret_cast<__m128i*>(value + 8),
+                        DecodeHalf(_mm_unpackhi_epi8(v0, zero), _mm_unpackhi_epi8(v1, zero),
+                                   _mm_unpackhi_epi8(v2, zero)));
+      }
       // Every value is stored where the next character goes: at the count
       // of starts before it. A continuation's store is overwritten by the
       // next start's; the last one may land on base[chars].
       alignas(16) UTF8 index[16];
       _mm_store_si128(reinterpret_cast<__m128i*>(index), StartsBefore(isCont));
+      const unsigned chars = index[15] + (((cont >> 15) & 1U) ^ 1U);
       Unit* const base = t + out;
       const Unit spilled = base[chars];
       for (unsigned i = 0; i < 16; ++i) base[index[i]] = value[i];
       base[chars] = spilled;
+      out += chars;
     }
     pos += 16 + ((want >> 16) & 1U) + (want >> 17);
-    out += chars;
   }
   *written = out;
   return pos;
@@ -604,7 +623,8 @@ AMBIT_SSE2 size_t Sse2Utf16ToUtf32(const UTF16* s, size_t n, UTF32* t, size_t ro
       out += 8;
       continue;
     }
-    // Surrogate pairs: as PairsEight, but zero is an ordinary unit here.
+    // Surrogate pairs, checked as PutEightWithPairs checks them, but zero
+    // is an ordinary unit here.
     if (n - pos < 9) break;
     const __m128i b = Load(s + pos + 1);
     const __m128i isHigh = _mm_cmpeq_epi16(_mm_and_si128(a, top10), surrogate);
