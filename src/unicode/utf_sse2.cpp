@@ -248,6 +248,8 @@ AMBIT_SSE2 size_t Utf8Blocks(const UTF8* s, size_t n, typename Out::Unit* t, siz
 // UTF-8 bytes of the eight UTF-16 values in c, all nonzero, none a
 // surrogate: the bytes of value i in word i (first byte lowest), and where
 // they go relative to the first in offset[i]. Returns the total length.
+// kTwoAtMost: no value is above 0x7FF, which spares the three-byte form.
+template <bool kTwoAtMost>
 AMBIT_SSE2 inline unsigned EncodeEight(__m128i c, uint32_t* word, UTF16* offset) {
   const __m128i isAscii = _mm_cmpeq_epi16(_mm_and_si128(c, _mm_set1_epi16(static_cast<short>(0xFF80))),
                                           _mm_setzero_si128());
@@ -259,16 +261,24 @@ AMBIT_SSE2 inline unsigned EncodeEight(__m128i c, uint32_t* word, UTF16* offset)
   const __m128i two = _mm_or_si128(
       _mm_or_si128(_mm_srli_epi16(c, 6), _mm_and_si128(_mm_slli_epi16(c, 8), mid6)),
       _mm_set1_epi16(static_cast<short>(0x80C0)));
-  const __m128i three = _mm_or_si128(
-      _mm_or_si128(_mm_srli_epi16(c, 12), _mm_and_si128(_mm_slli_epi16(c, 2), mid6)),
-      _mm_set1_epi16(static_cast<short>(0x80E0)));
-  const __m128i third =
-      _mm_or_si128(_mm_and_si128(c, _mm_set1_epi16(0x3F)), _mm_set1_epi16(0x80));
-  const __m128i multi = _mm_or_si128(_mm_and_si128(isTwo, two), _mm_andnot_si128(isTwo, three));
-  const __m128i low = _mm_or_si128(_mm_and_si128(isAscii, c), _mm_andnot_si128(isAscii, multi));
-  Store(word, _mm_unpacklo_epi16(low, third));
-  Store(word + 4, _mm_unpackhi_epi16(low, third));
-  const __m128i length = _mm_add_epi16(_mm_set1_epi16(3), _mm_add_epi16(isAscii, isTwo));
+  __m128i length;
+  if (kTwoAtMost) {
+    const __m128i low = _mm_or_si128(_mm_and_si128(isAscii, c), _mm_andnot_si128(isAscii, two));
+    Store(word, _mm_unpacklo_epi16(low, _mm_setzero_si128()));
+    Store(word + 4, _mm_unpackhi_epi16(low, _mm_setzero_si128()));
+    length = _mm_add_epi16(_mm_set1_epi16(2), isAscii);
+  } else {
+    const __m128i three = _mm_or_si128(
+        _mm_or_si128(_mm_srli_epi16(c, 12), _mm_and_si128(_mm_slli_epi16(c, 2), mid6)),
+        _mm_set1_epi16(static_cast<short>(0x80E0)));
+    const __m128i third =
+        _mm_or_si128(_mm_and_si128(c, _mm_set1_epi16(0x3F)), _mm_set1_epi16(0x80));
+    const __m128i multi = _mm_or_si128(_mm_and_si128(isTwo, two), _mm_andnot_si128(isTwo, three));
+    const __m128i low = _mm_or_si128(_mm_and_si128(isAscii, c), _mm_andnot_si128(isAscii, multi));
+    Store(word, _mm_unpacklo_epi16(low, third));
+    Store(word + 4, _mm_unpackhi_epi16(low, third));
+    length = _mm_add_epi16(_mm_set1_epi16(3), _mm_add_epi16(isAscii, isTwo));
+  }
   // Where each value goes: the lengths of those before it, summed.
   __m128i at = _mm_slli_si128(length, 2);
   at = _mm_add_epi16(at, _mm_slli_si128(at, 2));
@@ -316,15 +326,17 @@ AMBIT_SSE2 inline void PutEightThreeByte(__m128i c, UTF8* t) {
 // counted). The target has room for 28 bytes past *out.
 template <bool kCount>
 AMBIT_SSE2 inline void PutEight(__m128i c, UTF8* t, size_t* out) {
-  if (_mm_movemask_epi8(_mm_cmpeq_epi16(
-          _mm_and_si128(c, _mm_set1_epi16(static_cast<short>(0xF800))), _mm_setzero_si128())) == 0) {
+  const int twoAtMost = _mm_movemask_epi8(_mm_cmpeq_epi16(
+      _mm_and_si128(c, _mm_set1_epi16(static_cast<short>(0xF800))), _mm_setzero_si128()));
+  if (twoAtMost == 0) {
     if (!kCount) PutEightThreeByte(c, t + *out);
     *out += 24;
     return;
   }
   alignas(16) uint32_t word[8];
   alignas(16) UTF16 offset[8];
-  const unsigned total = EncodeEight(c, word, offset);
+  const unsigned total = twoAtMost == 0xFFFF ? EncodeEight<true>(c, word, offset)
+                                             : EncodeEight<false>(c, word, offset);
   if (!kCount) {
     // Each character is stored as a whole word; the bytes after the last
     // one are put back.
@@ -499,7 +511,9 @@ template <bool kCount>
 AMBIT_SSE2 size_t Utf16Blocks(const UTF16* s, size_t n, UTF8* t, size_t room, size_t* written) {
   size_t pos = 0, out = 0;
   while (n - pos >= 8) {
-    if (s[pos] < 0x80) {
+    // A run of ASCII is tried only where the block starts and ends with it,
+    // which spares most attempts in prose with accented letters.
+    if (s[pos] < 0x80 && n - pos >= 16 && s[pos + 15] < 0x80) {
       const size_t from = pos;
       AsciiRun<kCount>(s, n, t, room, &pos, &out);
       if (pos != from) continue;
@@ -549,7 +563,9 @@ AMBIT_SSE2 size_t Utf32Blocks(const UTF32* s, size_t n, UTF8* t, size_t room, si
   const __m128i zero = _mm_setzero_si128();
   size_t pos = 0, out = 0;
   while (n - pos >= 8) {
-    if (s[pos] < 0x80) {
+    // A run of ASCII is tried only where the block starts and ends with it,
+    // which spares most attempts in prose with accented letters.
+    if (s[pos] < 0x80 && n - pos >= 16 && s[pos + 15] < 0x80) {
       const size_t from = pos;
       AsciiRun<kCount>(s, n, t, room, &pos, &out);
       if (pos != from) continue;
