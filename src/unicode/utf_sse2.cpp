@@ -629,6 +629,19 @@ AMBIT_SSE2 size_t Sse2Utf16ToUtf32(const UTF16* s, size_t n, UTF32* t, size_t ro
   const __m128i topMask = _mm_set1_epi16(static_cast<short>(0xF800));
   const __m128i top10 = _mm_set1_epi16(static_cast<short>(0xFC00));
   size_t pos = 0, out = 0;
+  // Sixteen units without surrogates at a time while they last.
+  while (n - pos >= 16 && room - out >= 16) {
+    const __m128i a = Load(s + pos), b = Load(s + pos + 8);
+    if (_mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi16(_mm_and_si128(a, topMask), surrogate),
+                                       _mm_cmpeq_epi16(_mm_and_si128(b, topMask), surrogate))) != 0)
+      break;
+    Store(t + out, _mm_unpacklo_epi16(a, zero));
+    Store(t + out + 4, _mm_unpackhi_epi16(a, zero));
+    Store(t + out + 8, _mm_unpacklo_epi16(b, zero));
+    Store(t + out + 12, _mm_unpackhi_epi16(b, zero));
+    pos += 16;
+    out += 16;
+  }
   // Each block writes at most eight units and may spill one more.
   while (n - pos >= 8 && room - out >= 9) {
     const __m128i a = Load(s + pos);
@@ -682,6 +695,30 @@ AMBIT_SSE2 size_t Sse2Utf32ToUtf16(const UTF32* s, size_t n, UTF16* t, size_t ro
   const __m128i surrogate = _mm_set1_epi16(static_cast<short>(0xD800));
   const __m128i topMask = _mm_set1_epi16(static_cast<short>(0xF800));
   size_t pos = 0, out = 0;
+  // Sixteen units up to 0xFFFF, none a surrogate, at a time while they
+  // last. The biased signed pack turns a value above 0xFFFF into 0xFFFF and
+  // one above 0x7FFFFFFF into 0; lanes holding either are left to the code
+  // below, which tells them apart.
+  const __m128i bias32 = _mm_set1_epi32(0x8000), bias16 = _mm_set1_epi16(static_cast<short>(0x8000));
+  const __m128i zero = _mm_setzero_si128(), ones = _mm_set1_epi8(-1);
+  while (n - pos >= 16 && room - out >= 16) {
+    const __m128i a = _mm_add_epi16(_mm_packs_epi32(_mm_sub_epi32(Load(s + pos), bias32),
+                                                    _mm_sub_epi32(Load(s + pos + 4), bias32)),
+                                    bias16);
+    const __m128i b = _mm_add_epi16(_mm_packs_epi32(_mm_sub_epi32(Load(s + pos + 8), bias32),
+                                                    _mm_sub_epi32(Load(s + pos + 12), bias32)),
+                                    bias16);
+    const __m128i bad = _mm_or_si128(
+        _mm_or_si128(_mm_cmpeq_epi16(_mm_and_si128(a, topMask), surrogate),
+                     _mm_cmpeq_epi16(_mm_and_si128(b, topMask), surrogate)),
+        _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi16(a, ones), _mm_cmpeq_epi16(b, ones)),
+                     _mm_or_si128(_mm_cmpeq_epi16(a, zero), _mm_cmpeq_epi16(b, zero))));
+    if (_mm_movemask_epi8(bad) != 0) break;
+    Store(t + out, a);
+    Store(t + out + 8, b);
+    pos += 16;
+    out += 16;
+  }
   // Each block writes at most sixteen units and may spill two more.
   while (n - pos >= 8 && room - out >= 18) {
     __m128i c;
