@@ -673,15 +673,18 @@ AMBIT_SSE2 size_t Sse2Utf16ToUtf32(const UTF16* s, size_t n, UTF32* t, size_t ro
     Store(value, _mm_or_si128(_mm_and_si128(h0, p0), _mm_andnot_si128(h0, a0)));
     Store(value + 4, _mm_or_si128(_mm_and_si128(h1, p1), _mm_andnot_si128(h1, a1)));
     // Low surrogates are no characters of their own: each value goes where
-    // the next character goes, and the spill past the last is put back.
-    const unsigned chars = 8 - Popcount16(low) / 2;
+    // the next character goes (the count of characters before it), and the
+    // spill past the last is put back.
+    __m128i at = _mm_slli_si128(_mm_andnot_si128(isLow, _mm_set1_epi16(1)), 2);
+    at = _mm_add_epi16(at, _mm_slli_si128(at, 2));
+    at = _mm_add_epi16(at, _mm_slli_si128(at, 4));
+    at = _mm_add_epi16(at, _mm_slli_si128(at, 8));
+    alignas(16) UTF16 index[8];
+    Store(index, at);
+    const unsigned chars = index[7] + (((low >> 15) & 1U) ^ 1U);
     UTF32* const base = t + out;
     const UTF32 spilled = base[chars];
-    size_t k = 0;
-    for (unsigned i = 0; i < 8; ++i) {
-      base[k] = value[i];
-      k += ((low >> (2 * i)) & 1U) ^ 1U;
-    }
+    for (unsigned i = 0; i < 8; ++i) base[index[i]] = value[i];
     base[chars] = spilled;
     pos += 8 + (high >> 15);
     out += chars;
