@@ -95,8 +95,15 @@ Text FromRecipe(const uint8_t* p, size_t n) {
         }
         case 4: PutAll(0x10000 + r % 0x100000, &t); break;
         case 5: PutAll(kEdges[r % 10], &t); break;
-        case 6:  // damage: a bad byte, a lone surrogate, an out-of-range value
-          t.u8.push_back(kBadBytes[r % 10]);
+        case 6:  // damage: a bad byte or sequence, a lone surrogate, an out-of-range value
+          if (r % 4 == 0) {
+            static const UTF8 kBadSeqs[][4] = {{0xF0, 0x80, 0x80, 0x80}, {0xF4, 0x90, 0x80, 0x80},
+                                               {0xE0, 0x9F, 0xBF, 0x41}, {0xED, 0xA0, 0x80, 0x41}};
+            const UTF8* seq = kBadSeqs[(r >> 2) % 4];
+            t.u8.insert(t.u8.end(), seq, seq + 4);
+          } else {
+            t.u8.push_back(kBadBytes[r % 10]);
+          }
           t.u16.push_back(UTF16(0xD800 + r % 0x800));
           t.u32.push_back(r % 2 ? 0xD800 + r % 0x800 : 0x110000 + r % 0x100);
           break;

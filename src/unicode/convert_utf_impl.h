@@ -291,23 +291,27 @@ inline bool PackAscii32(const UTF32* s, uint32_t* w) {
 
 // Each runs the SSE2 kernel of its direction from `source` and moves the
 // source and the sink past the blocks it took. Only when UseVectorPaths().
-inline void VectorStep(const UTF8*& source, const UTF8* sourceEnd, BufferSink<UTF16>& sink) {
+template <bool kToUtf32>
+inline void VectorStepUtf8(const UTF8*& source, const UTF8* sourceEnd, BufferSink<UTF16>& sink) {
   size_t written = 0;
   source += Sse2Utf8ToUtf16(source, Remaining(source, sourceEnd), sink.Position(), sink.Room(),
                             &written);
   sink.Skip(written);
 }
 
-inline void VectorStep(const UTF8*& source, const UTF8* sourceEnd, BufferSink<UTF32>& sink) {
+template <bool kToUtf32>
+inline void VectorStepUtf8(const UTF8*& source, const UTF8* sourceEnd, BufferSink<UTF32>& sink) {
   size_t written = 0;
   source += Sse2Utf8ToUtf32(source, Remaining(source, sourceEnd), sink.Position(), sink.Room(),
                             &written);
   sink.Skip(written);
 }
 
-inline void VectorStep(const UTF8*& source, const UTF8* sourceEnd, CountSink& sink) {
+template <bool kToUtf32>
+inline void VectorStepUtf8(const UTF8*& source, const UTF8* sourceEnd, CountSink& sink) {
   size_t units = 0;
-  source += Sse2Utf8Count(source, Remaining(source, sourceEnd), &units);
+  source += kToUtf32 ? Sse2Utf8CountUtf32(source, Remaining(source, sourceEnd), &units)
+                     : Sse2Utf8CountUtf16(source, Remaining(source, sourceEnd), &units);
   sink.Skip(units);
 }
 
@@ -479,7 +483,7 @@ ConversionResult Utf8ToWideFast(const UTF8** sourceStart, const UTF8* sourceEnd,
   while (source < sourceEnd) {
     if (vector) {
       const UTF8* const before = source;
-      VectorStep(source, sourceEnd, sink);
+      VectorStepUtf8<kToUtf32>(source, sourceEnd, sink);
       window.After(Remaining(before, source));
     }
     // In bulk: with four source bytes left and room for four units at every

@@ -17,7 +17,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <type_traits>
 
 #define AMBIT_SSE2 __attribute__((target("sse2")))
 
@@ -37,15 +36,23 @@ inline unsigned Popcount16(unsigned x) {
   return (x + (x >> 8)) & 0x1FU;
 }
 
-// Output kinds of the UTF-8 kernel.
+// Output kinds of the UTF-8 kernel: written or only counted, and whether a
+// supplementary character takes two units (UTF-16) or one (UTF-32).
 struct Utf16Out {
   typedef UTF16 Unit;
+  static constexpr bool kCount = false, kPairs = true;
 };
 struct Utf32Out {
   typedef UTF32 Unit;
+  static constexpr bool kCount = false, kPairs = false;
 };
-struct CountOut {
+struct Count16Out {
   typedef UTF16 Unit;  // unused
+  static constexpr bool kCount = true, kPairs = true;
+};
+struct Count32Out {
+  typedef UTF32 Unit;  // unused
+  static constexpr bool kCount = true, kPairs = false;
 };
 
 // Stores eight UTF-16 values (lanes of v) as t[0..7] in the output form.
@@ -149,11 +156,111 @@ AMBIT_SSE2 inline __m128i DecodeHalfTwo(__m128i b0, __m128i b1) {
   return _mm_or_si128(_mm_and_si128(isAscii, b0), _mm_andnot_si128(isAscii, two));
 }
 
+// A block of sixteen positions at p that holds four-byte characters
+// besides shorter ones; p[0..18] are readable. The classes of the bytes
+// other than four-byte leads come from the caller. Writes the characters at
+// base (room for 19 units) or only counts them, adds the units to *out and
+// returns the bytes taken, or 0 when the block is not well-formed.
+template <typename Out>
+AMBIT_SSE2 inline size_t FourByteBlock(const UTF8* p, __m128i v0, __m128i v1, __m128i v2,
+                                       __m128i isCont, unsigned cont, unsigned ascii,
+                                       unsigned lead2, unsigned lead3,
+                                       typename Out::Unit* base, size_t* out) {
+  typedef typename Out::Unit Unit;
+  const __m128i zero = _mm_setzero_si128();
+  // Four-byte leads 0xF0..0xF4 are -16..-12 as signed bytes.
+  const __m128i isLead4 = _mm_and_si128(_mm_cmpgt_epi8(v0, _mm_set1_epi8(-17)),
+                                        _mm_cmplt_epi8(v0, _mm_set1_epi8(-11)));
+  const unsigned lead4 = static_cast<unsigned>(_mm_movemask_epi8(isLead4));
+  if ((ascii | cont | lead2 | lead3 | lead4) != 0xFFFFU) return 0;
+  const __m128i v3 = Load(p + 3);
+  const unsigned multi = lead3 | lead4;
+  const unsigned want = (lead2 << 1) | (multi << 1) | (multi << 2) | (lead4 << 3);
+  const unsigned tail =
+      static_cast<unsigned>(_mm_movemask_epi8(_mm_cmplt_epi8(v3, _mm_set1_epi8(-64)))) >> 13;
+  if (((want ^ cont) & 0xFFFFU) != 0 || ((want >> 16) & ~tail) != 0) return 0;
+  // The second byte: at least 0xA0 after 0xE0, at most 0x9F after 0xED,
+  // at least 0x90 after 0xF0, at most 0x8F after 0xF4.
+  const __m128i bad = _mm_or_si128(
+      _mm_or_si128(
+          _mm_and_si128(_mm_cmpeq_epi8(v0, _mm_set1_epi8(-32)), _mm_cmplt_epi8(v1, _mm_set1_epi8(-96))),
+          _mm_and_si128(_mm_cmpeq_epi8(v0, _mm_set1_epi8(-19)), _mm_cmpgt_epi8(v1, _mm_set1_epi8(-97)))),
+      _mm_or_si128(
+          _mm_and_si128(_mm_cmpeq_epi8(v0, _mm_set1_epi8(-16)), _mm_cmplt_epi8(v1, _mm_set1_epi8(-112))),
+          _mm_and_si128(_mm_cmpeq_epi8(v0, _mm_set1_epi8(-12)), _mm_cmpgt_epi8(v1, _mm_set1_epi8(-113)))));
+  if (_mm_movemask_epi8(bad) != 0) return 0;
+  const size_t taken = 16 + ((want >> 16) & 1U) + ((want >> 17) & 1U) + ((want >> 18) & 1U);
+  if (Out::kCount) {
+    *out += 16 - Popcount16(cont) + (Out::kPairs ? Popcount16(lead4) : 0);
+    return taken;
+  }
+  // Values in 16-bit lanes, half a block at a time: a four-byte character
+  // gives its low sixteen bits and the bits above them separately.
+  alignas(16) uint32_t word[16];
+  for (int half = 0; half < 2; ++half) {
+    const __m128i b0 = half ? _mm_unpackhi_epi8(v0, zero) : _mm_unpacklo_epi8(v0, zero);
+    const __m128i b1 = half ? _mm_unpackhi_epi8(v1, zero) : _mm_unpacklo_epi8(v1, zero);
+    const __m128i b2 = half ? _mm_unpackhi_epi8(v2, zero) : _mm_unpacklo_epi8(v2, zero);
+    const __m128i b3 = half ? _mm_unpackhi_epi8(v3, zero) : _mm_unpacklo_epi8(v3, zero);
+    const __m128i shorter = DecodeHalf(b0, b1, b2);
+    const __m128i is4 = _mm_cmpgt_epi16(b0, _mm_set1_epi16(0xEF));
+    const __m128i low6 = _mm_set1_epi16(0x3F);
+    const __m128i low16 = _mm_or_si128(
+        _mm_or_si128(_mm_slli_epi16(_mm_and_si128(b1, _mm_set1_epi16(0xF)), 12),
+                     _mm_slli_epi16(_mm_and_si128(b2, low6), 6)),
+        _mm_and_si128(b3, low6));
+    const __m128i above = _mm_or_si128(_mm_slli_epi16(_mm_and_si128(b0, _mm_set1_epi16(7)), 2),
+                                       _mm_srli_epi16(_mm_and_si128(b1, low6), 4));
+    __m128i first, second;
+    if (Out::kPairs) {
+      // High surrogate 0xD800 + ((c - 0x10000) >> 10), low 0xDC00 + (c & 0x3FF).
+      const __m128i highUnit = _mm_add_epi16(
+          _mm_or_si128(_mm_slli_epi16(above, 6), _mm_srli_epi16(low16, 10)),
+          _mm_set1_epi16(static_cast<short>(0xD7C0)));
+      const __m128i lowUnit = _mm_or_si128(_mm_and_si128(low16, _mm_set1_epi16(0x3FF)),
+                                           _mm_set1_epi16(static_cast<short>(0xDC00)));
+      first = _mm_or_si128(_mm_and_si128(is4, highUnit), _mm_andnot_si128(is4, shorter));
+      second = lowUnit;
+    } else {
+      first = _mm_or_si128(_mm_and_si128(is4, low16), _mm_andnot_si128(is4, shorter));
+      second = _mm_and_si128(is4, above);
+    }
+    Store(word + 8 * half, _mm_unpacklo_epi16(first, second));
+    Store(word + 8 * half + 4, _mm_unpackhi_epi16(first, second));
+  }
+  // Where each character goes: the units of those before it.
+  __m128i length = _mm_andnot_si128(isCont, _mm_set1_epi8(1));
+  if (Out::kPairs) length = _mm_add_epi8(length, _mm_and_si128(isLead4, _mm_set1_epi8(1)));
+  __m128i at = _mm_slli_si128(length, 1);
+  at = _mm_add_epi8(at, _mm_slli_si128(at, 1));
+  at = _mm_add_epi8(at, _mm_slli_si128(at, 2));
+  at = _mm_add_epi8(at, _mm_slli_si128(at, 4));
+  at = _mm_add_epi8(at, _mm_slli_si128(at, 8));
+  alignas(16) UTF8 index[16], units[16];
+  Store(index, at);
+  Store(units, length);
+  const unsigned total = static_cast<unsigned>(index[15]) + units[15];
+  if (Out::kPairs) {
+    // Each character is stored as a two-unit word; what spills past the
+    // last is put back.
+    uint32_t spilled;
+    std::memcpy(&spilled, base + total, sizeof spilled);
+    for (unsigned i = 0; i < 16; ++i) std::memcpy(base + index[i], &word[i], sizeof word[i]);
+    std::memcpy(base + total, &spilled, sizeof spilled);
+  } else {
+    const Unit spilled = base[total];
+    for (unsigned i = 0; i < 16; ++i) base[index[i]] = word[i];
+    base[total] = spilled;
+  }
+  *out += total;
+  return taken;
+}
+
 template <typename Out>
 AMBIT_SSE2 size_t Utf8Blocks(const UTF8* s, size_t n, typename Out::Unit* t, size_t room,
                              size_t* written) {
   typedef typename Out::Unit Unit;
-  constexpr bool kCount = std::is_same<Out, CountOut>::value;
+  constexpr bool kCount = Out::kCount;
   const __m128i zero = _mm_setzero_si128();
   size_t pos = 0, out = 0;
   while (n - pos >= 16) {
@@ -197,7 +304,15 @@ AMBIT_SSE2 size_t Utf8Blocks(const UTF8* s, size_t n, typename Out::Unit* t, siz
     const unsigned lead3 = static_cast<unsigned>(_mm_movemask_epi8(_mm_and_si128(
         _mm_cmpgt_epi8(v0, _mm_set1_epi8(-33)), _mm_cmplt_epi8(v0, _mm_set1_epi8(-16)))));
     const unsigned ascii = ~high & 0xFFFFU;
-    if ((ascii | cont | lead2 | lead3) != 0xFFFFU) break;  // 0xC0, 0xC1, 0xF0..0xFF
+    if ((ascii | cont | lead2 | lead3) != 0xFFFFU) {
+      // Four-byte characters, or bytes that are never legal.
+      if (n - pos < 19 || (!kCount && room - out < 19)) break;
+      const size_t taken = FourByteBlock<Out>(p, v0, v1, v2, isCont, cont, ascii, lead2, lead3,
+                                              kCount ? nullptr : t + out, &out);
+      if (taken == 0) break;
+      pos += taken;
+      continue;
+    }
     // Continuations must sit exactly where the leads want them; those of a
     // character that starts near the end of the block lie in s[16..17].
     const unsigned want = (lead2 << 1) | (lead3 << 1) | (lead3 << 2);
@@ -602,8 +717,12 @@ size_t Sse2Utf8ToUtf32(const UTF8* s, size_t n, UTF32* t, size_t room, size_t* w
   return Utf8Blocks<Utf32Out>(s, n, t, room, written);
 }
 
-size_t Sse2Utf8Count(const UTF8* s, size_t n, size_t* units) {
-  return Utf8Blocks<CountOut>(s, n, nullptr, 0, units);
+size_t Sse2Utf8CountUtf16(const UTF8* s, size_t n, size_t* units) {
+  return Utf8Blocks<Count16Out>(s, n, nullptr, 0, units);
+}
+
+size_t Sse2Utf8CountUtf32(const UTF8* s, size_t n, size_t* units) {
+  return Utf8Blocks<Count32Out>(s, n, nullptr, 0, units);
 }
 
 size_t Sse2Utf16ToUtf8(const UTF16* s, size_t n, UTF8* t, size_t room, size_t* written) {

@@ -14,10 +14,11 @@
 // past s + n, and never changes a target unit at or past the units it
 // reports written. It returns the source units it consumed.
 //
-// Handled: UTF-8 characters of one to three bytes; scalar values in UTF-16
-// (proper surrogate pairs included) and UTF-32. Four-byte UTF-8, unpaired
-// surrogates, other ill-formed input and the zero that stops a conversion
-// are left to the scalar code. Private to the library.
+// Handled: well-formed UTF-8, UTF-16 (proper surrogate pairs) and UTF-32.
+// Ill-formed input (unpaired surrogates, values that are not scalar,
+// bytes or sequences that are not legal), the zero that stops a conversion
+// and the last units before an end are left to the scalar code. Private to
+// the library.
 
 #include <cstddef>
 
@@ -29,8 +30,9 @@ namespace ambit_utf {
 // units written go to *written. Stops before a zero byte.
 size_t Sse2Utf8ToUtf16(const UTF8* s, size_t n, UTF16* t, size_t room, size_t* written);
 size_t Sse2Utf8ToUtf32(const UTF8* s, size_t n, UTF32* t, size_t room, size_t* written);
-// Counts the characters the two above would write (one unit each).
-size_t Sse2Utf8Count(const UTF8* s, size_t n, size_t* units);
+// Counts the units the two above would write.
+size_t Sse2Utf8CountUtf16(const UTF8* s, size_t n, size_t* units);
+size_t Sse2Utf8CountUtf32(const UTF8* s, size_t n, size_t* units);
 
 // UTF-16 / UTF-32 to UTF-8, or counting the bytes. Stop before a zero unit.
 size_t Sse2Utf16ToUtf8(const UTF16* s, size_t n, UTF8* t, size_t room, size_t* written);

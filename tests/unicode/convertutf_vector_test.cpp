@@ -90,13 +90,29 @@ void Damage(Rng& rng, std::vector<UTF8>* v) {
   for (int i = 0; i < hits; ++i) {
     // Two bytes either side of a multiple of 16.
     const size_t at = std::min(v->size() - 1, (rng() % (v->size() / 16 + 1)) * 16 + 14 + rng() % 4);
-    static const UTF8 kSeqs[][3] = {{0xE0, 0x80, 0x80}, {0xED, 0xA0, 0x80}, {0xC0, 0x80, 0x41},
-                                    {0x80, 0x41, 0x41}, {0xF5, 0x80, 0x80}, {0xE1, 0x41, 0x80}};
-    if (rng() % 2) {
-      (*v)[at] = utf_test::BoundaryByte(rng);
-    } else {
-      const UTF8* seq = kSeqs[rng() % 6];
-      for (size_t k = 0; k < 3 && at + k < v->size(); ++k) (*v)[at + k] = seq[k];
+    // Overlong, surrogate, out-of-range and broken sequences, and two
+    // legal edge cases (U+FFFF, U+10FFFF) for good measure.
+    static const UTF8 kSeqs[][4] = {
+        {0xE0, 0x80, 0x80, 0x41}, {0xED, 0xA0, 0x80, 0x41}, {0xC0, 0x80, 0x41, 0x41},
+        {0x80, 0x41, 0x41, 0x41}, {0xF5, 0x80, 0x80, 0x80}, {0xE1, 0x41, 0x80, 0x41},
+        {0xF0, 0x80, 0x80, 0x80}, {0xF0, 0x8F, 0xBF, 0xBF}, {0xF4, 0x90, 0x80, 0x80},
+        {0xF1, 0x80, 0x41, 0x80}, {0xEF, 0xBF, 0xBF, 0x41}, {0xF4, 0x8F, 0xBF, 0xBF}};
+    const UTF8* seq = kSeqs[rng() % 12];
+    switch (rng() % 3) {
+      case 0:
+        (*v)[at] = utf_test::BoundaryByte(rng);
+        break;
+      case 1:
+        for (size_t k = 0; k < 4 && at + k < v->size(); ++k) (*v)[at + k] = seq[k];
+        break;
+      default: {
+        // Inserted between two characters, so that only the sequence
+        // itself is wrong.
+        size_t boundary = at;
+        while (boundary < v->size() && ((*v)[boundary] & 0xC0) == 0x80) ++boundary;
+        v->insert(v->begin() + boundary, seq, seq + 4);
+        break;
+      }
     }
   }
   if (rng() % 4 == 0) v->resize(v->size() - rng() % std::min<size_t>(v->size(), 3));
