@@ -291,6 +291,8 @@ inline bool PackAscii32(const UTF32* s, uint32_t* w) {
 
 // Each runs the SSE2 kernel of its direction from `source` and moves the
 // source and the sink past the blocks it took. Only when UseVectorPaths().
+// From UTF-8, kToUtf32 tells a counter whether a supplementary character
+// counts one unit or two.
 template <bool kToUtf32>
 inline void VectorStepUtf8(const UTF8*& source, const UTF8* sourceEnd, BufferSink<UTF16>& sink) {
   size_t written = 0;
