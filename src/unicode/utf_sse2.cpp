@@ -179,16 +179,21 @@ AMBIT_SSE2 inline size_t FourByteBlock(const UTF8* p, __m128i v0, __m128i v1, __
   const unsigned tail =
       static_cast<unsigned>(_mm_movemask_epi8(_mm_cmplt_epi8(v3, _mm_set1_epi8(-64)))) >> 13;
   if (((want ^ cont) & 0xFFFFU) != 0 || ((want >> 16) & ~tail) != 0) return 0;
-  // The second byte: at least 0xA0 after 0xE0, at most 0x9F after 0xED,
-  // at least 0x90 after 0xF0, at most 0x8F after 0xF4.
-  const __m128i bad = _mm_or_si128(
-      _mm_or_si128(
-          _mm_and_si128(_mm_cmpeq_epi8(v0, _mm_set1_epi8(-32)), _mm_cmplt_epi8(v1, _mm_set1_epi8(-96))),
-          _mm_and_si128(_mm_cmpeq_epi8(v0, _mm_set1_epi8(-19)), _mm_cmpgt_epi8(v1, _mm_set1_epi8(-97)))),
-      _mm_or_si128(
-          _mm_and_si128(_mm_cmpeq_epi8(v0, _mm_set1_epi8(-16)), _mm_cmplt_epi8(v1, _mm_set1_epi8(-112))),
-          _mm_and_si128(_mm_cmpeq_epi8(v0, _mm_set1_epi8(-12)), _mm_cmpgt_epi8(v1, _mm_set1_epi8(-113)))));
+  // The second byte: at least 0x90 after 0xF0, at most 0x8F after 0xF4;
+  // at least 0xA0 after 0xE0, at most 0x9F after 0xED.
+  __m128i bad = _mm_or_si128(
+      _mm_and_si128(_mm_cmpeq_epi8(v0, _mm_set1_epi8(-16)), _mm_cmplt_epi8(v1, _mm_set1_epi8(-112))),
+      _mm_and_si128(_mm_cmpeq_epi8(v0, _mm_set1_epi8(-12)), _mm_cmpgt_epi8(v1, _mm_set1_epi8(-113))));
+  if (lead3 != 0)
+    bad = _mm_or_si128(
+        bad, _mm_or_si128(_mm_and_si128(_mm_cmpeq_epi8(v0, _mm_set1_epi8(-32)),
+                                        _mm_cmplt_epi8(v1, _mm_set1_epi8(-96))),
+                          _mm_and_si128(_mm_cmpeq_epi8(v0, _mm_set1_epi8(-19)),
+                                        _mm_cmpgt_epi8(v1, _mm_set1_epi8(-97)))));
   if (_mm_movemask_epi8(bad) != 0) return 0;
+  // Text of ASCII and four-byte characters only (emoji between words)
+  // needs no two- or three-byte decoding.
+  const bool onlyAsciiBesides = (lead2 | lead3) == 0;
   const size_t taken = 16 + ((want >> 16) & 1U) + ((want >> 17) & 1U) + ((want >> 18) & 1U);
   if (Out::kCount) {
     *out += 16 - Popcount16(cont) + (Out::kPairs ? Popcount16(lead4) : 0);
@@ -202,7 +207,7 @@ AMBIT_SSE2 inline size_t FourByteBlock(const UTF8* p, __m128i v0, __m128i v1, __
     const __m128i b1 = half ? _mm_unpackhi_epi8(v1, zero) : _mm_unpacklo_epi8(v1, zero);
     const __m128i b2 = half ? _mm_unpackhi_epi8(v2, zero) : _mm_unpacklo_epi8(v2, zero);
     const __m128i b3 = half ? _mm_unpackhi_epi8(v3, zero) : _mm_unpacklo_epi8(v3, zero);
-    const __m128i shorter = DecodeHalf(b0, b1, b2);
+    const __m128i shorter = onlyAsciiBesides ? b0 : DecodeHalf(b0, b1, b2);
     const __m128i is4 = _mm_cmpgt_epi16(b0, _mm_set1_epi16(0xEF));
     const __m128i low6 = _mm_set1_epi16(0x3F);
     const __m128i low16 = _mm_or_si128(
@@ -587,13 +592,6 @@ AMBIT_SSE2 inline size_t PutEightWithPairs(const UTF16* s, UTF8* t, size_t* out)
   const unsigned total = static_cast<unsigned>(_mm_extract_epi16(_mm_add_epi16(at, length), 7));
   if (!kCount) {
     const __m128i mid6 = _mm_set1_epi16(0x3F00);
-    const __m128i two = _mm_or_si128(
-        _mm_or_si128(_mm_srli_epi16(a, 6), _mm_and_si128(_mm_slli_epi16(a, 8), mid6)),
-        _mm_set1_epi16(static_cast<short>(0x80C0)));
-    const __m128i three = _mm_or_si128(
-        _mm_or_si128(_mm_srli_epi16(a, 12), _mm_and_si128(_mm_slli_epi16(a, 2), mid6)),
-        _mm_set1_epi16(static_cast<short>(0x80E0)));
-    const __m128i third = _mm_or_si128(_mm_and_si128(a, _mm_set1_epi16(0x3F)), _mm_set1_epi16(0x80));
     // The code point's bits above the low ten: (high & 0x3FF) + 0x40.
     const __m128i hh = _mm_add_epi16(_mm_and_si128(a, _mm_set1_epi16(0x3FF)), _mm_set1_epi16(0x40));
     const __m128i fourFirst = _mm_or_si128(
@@ -603,10 +601,25 @@ AMBIT_SSE2 inline size_t PutEightWithPairs(const UTF16* s, UTF8* t, size_t* out)
         _mm_or_si128(_mm_slli_epi16(_mm_and_si128(hh, _mm_set1_epi16(3)), 4),
                      _mm_and_si128(_mm_srli_epi16(b, 6), _mm_set1_epi16(0xF))),
         _mm_or_si128(_mm_and_si128(_mm_slli_epi16(b, 8), mid6), _mm_set1_epi16(static_cast<short>(0x8080))));
-    __m128i first = _mm_or_si128(_mm_and_si128(isHigh, fourFirst), _mm_andnot_si128(isHigh, three));
-    first = _mm_or_si128(_mm_and_si128(isTwo, two), _mm_andnot_si128(isTwo, first));
-    first = _mm_or_si128(_mm_and_si128(isAscii, a), _mm_andnot_si128(isAscii, first));
-    const __m128i last = _mm_or_si128(_mm_and_si128(isHigh, fourLast), _mm_andnot_si128(isHigh, third));
+    __m128i first, last;
+    if (_mm_movemask_epi8(_mm_or_si128(_mm_or_si128(isAscii, isHigh), isLow)) == 0xFFFF) {
+      // ASCII and pairs only (emoji between words).
+      first = _mm_or_si128(_mm_and_si128(isHigh, fourFirst), _mm_andnot_si128(isHigh, a));
+      last = fourLast;
+    } else {
+      const __m128i two = _mm_or_si128(
+          _mm_or_si128(_mm_srli_epi16(a, 6), _mm_and_si128(_mm_slli_epi16(a, 8), mid6)),
+          _mm_set1_epi16(static_cast<short>(0x80C0)));
+      const __m128i three = _mm_or_si128(
+          _mm_or_si128(_mm_srli_epi16(a, 12), _mm_and_si128(_mm_slli_epi16(a, 2), mid6)),
+          _mm_set1_epi16(static_cast<short>(0x80E0)));
+      const __m128i third =
+          _mm_or_si128(_mm_and_si128(a, _mm_set1_epi16(0x3F)), _mm_set1_epi16(0x80));
+      first = _mm_or_si128(_mm_and_si128(isHigh, fourFirst), _mm_andnot_si128(isHigh, three));
+      first = _mm_or_si128(_mm_and_si128(isTwo, two), _mm_andnot_si128(isTwo, first));
+      first = _mm_or_si128(_mm_and_si128(isAscii, a), _mm_andnot_si128(isAscii, first));
+      last = _mm_or_si128(_mm_and_si128(isHigh, fourLast), _mm_andnot_si128(isHigh, third));
+    }
     alignas(16) uint32_t word[8];
     alignas(16) UTF16 offset[8];
     Store(word, _mm_unpacklo_epi16(first, last));
