@@ -500,22 +500,30 @@ AMBIT_SSE2 inline void AsciiRun(const S* s, size_t n, UTF8* t, size_t room, size
 
 // UTF-8 form of four code points (32-bit lanes, none above 0x10FFFF, none
 // a surrogate): the bytes in the lanes of *word (first byte lowest), the
-// lengths in the lanes of *length.
+// lengths in the lanes of *length. kAsciiOrFour: every value is below 0x80
+// or above 0xFFFF, which spares the two- and three-byte forms.
+template <bool kAsciiOrFour>
 AMBIT_SSE2 inline void EncodeFourWide(__m128i c, __m128i* word, __m128i* length) {
   const __m128i low6 = _mm_set1_epi32(0x3F);
   const __m128i t0 = _mm_and_si128(c, low6);
   const __m128i t1 = _mm_and_si128(_mm_srli_epi32(c, 6), low6);
   const __m128i t2 = _mm_and_si128(_mm_srli_epi32(c, 12), low6);
-  const __m128i two = _mm_or_si128(_mm_or_si128(_mm_srli_epi32(c, 6), _mm_slli_epi32(t0, 8)),
-                                   _mm_set1_epi32(0x80C0));
-  const __m128i three = _mm_or_si128(
-      _mm_or_si128(_mm_srli_epi32(c, 12), _mm_slli_epi32(t1, 8)),
-      _mm_or_si128(_mm_slli_epi32(t0, 16), _mm_set1_epi32(0x8080E0)));
   const __m128i four = _mm_or_si128(
       _mm_or_si128(_mm_or_si128(_mm_srli_epi32(c, 18), _mm_slli_epi32(t2, 8)),
                    _mm_or_si128(_mm_slli_epi32(t1, 16), _mm_slli_epi32(t0, 24))),
       _mm_set1_epi32(static_cast<int>(0x808080F0U)));
   const __m128i is1 = _mm_cmplt_epi32(c, _mm_set1_epi32(0x80));
+  if (kAsciiOrFour) {
+    *word = _mm_or_si128(_mm_and_si128(is1, c), _mm_andnot_si128(is1, four));
+    // 4, or 1 where is1 is -1.
+    *length = _mm_add_epi32(_mm_set1_epi32(4), _mm_add_epi32(is1, _mm_add_epi32(is1, is1)));
+    return;
+  }
+  const __m128i two = _mm_or_si128(_mm_or_si128(_mm_srli_epi32(c, 6), _mm_slli_epi32(t0, 8)),
+                                   _mm_set1_epi32(0x80C0));
+  const __m128i three = _mm_or_si128(
+      _mm_or_si128(_mm_srli_epi32(c, 12), _mm_slli_epi32(t1, 8)),
+      _mm_or_si128(_mm_slli_epi32(t0, 16), _mm_set1_epi32(0x8080E0)));
   const __m128i is2 = _mm_cmplt_epi32(c, _mm_set1_epi32(0x800));
   const __m128i is3 = _mm_cmplt_epi32(c, _mm_set1_epi32(0x10000));
   __m128i w = _mm_or_si128(_mm_and_si128(is3, three), _mm_andnot_si128(is3, four));
@@ -524,35 +532,46 @@ AMBIT_SSE2 inline void EncodeFourWide(__m128i c, __m128i* word, __m128i* length)
   *length = _mm_add_epi32(_mm_set1_epi32(4), _mm_add_epi32(is1, _mm_add_epi32(is2, is3)));
 }
 
-// UTF-8 of eight code points (lanes of c0, then c1), leaving out the lanes
-// marked in skip0 and skip1, at t + *out or only counted. The target has
+// UTF-8 of eight code points (lanes of c0, then c1; none zero, none above
+// 0x10FFFF, none a surrogate) at t + *out, or only counted. The target has
 // room for 36 bytes past *out.
 template <bool kCount>
-AMBIT_SSE2 inline void PutWideEight(__m128i c0, __m128i c1, __m128i skip0, __m128i skip1,
-                                    UTF8* t, size_t* out) {
+AMBIT_SSE2 inline void PutWideEight(__m128i c0, __m128i c1, UTF8* t, size_t* out) {
   __m128i w0, w1, l0, l1;
-  EncodeFourWide(c0, &w0, &l0);
-  EncodeFourWide(c1, &w1, &l1);
-  l0 = _mm_andnot_si128(skip0, l0);
-  l1 = _mm_andnot_si128(skip1, l1);
-  __m128i sum = _mm_add_epi32(l0, l1);
-  sum = _mm_add_epi32(sum, _mm_srli_si128(sum, 8));
-  sum = _mm_add_epi32(sum, _mm_srli_si128(sum, 4));
-  const unsigned total = static_cast<unsigned>(_mm_cvtsi128_si32(sum));
+  // A value from 0x80 to 0xFFFF is one whose excess over 0x80 is below
+  // 0xFF80, unsigned; compared signed with the top bits flipped.
+  const __m128i top = _mm_set1_epi32(static_cast<int>(0x80000000U));
+  const __m128i limit = _mm_set1_epi32(static_cast<int>(0x80000000U + 0xFF80));
+  const __m128i ascii = _mm_set1_epi32(0x80);
+  const bool asciiOrFour =
+      _mm_movemask_epi8(_mm_or_si128(
+          _mm_cmplt_epi32(_mm_sub_epi32(_mm_xor_si128(c0, top), ascii), limit),
+          _mm_cmplt_epi32(_mm_sub_epi32(_mm_xor_si128(c1, top), ascii), limit))) == 0;
+  if (asciiOrFour) {
+    EncodeFourWide<true>(c0, &w0, &l0);
+    EncodeFourWide<true>(c1, &w1, &l1);
+  } else {
+    EncodeFourWide<false>(c0, &w0, &l0);
+    EncodeFourWide<false>(c1, &w1, &l1);
+  }
+  // Where each value goes: the lengths of those before it, summed.
+  const __m128i at0 = _mm_add_epi32(_mm_add_epi32(_mm_slli_si128(l0, 4), _mm_slli_si128(l0, 8)),
+                                    _mm_slli_si128(l0, 12));
+  const __m128i all0 = _mm_shuffle_epi32(_mm_add_epi32(at0, l0), _MM_SHUFFLE(3, 3, 3, 3));
+  __m128i at1 = _mm_add_epi32(_mm_slli_si128(l1, 4), _mm_slli_si128(l1, 8));
+  at1 = _mm_add_epi32(_mm_add_epi32(at1, _mm_slli_si128(l1, 12)), all0);
+  const unsigned total = static_cast<unsigned>(
+      _mm_cvtsi128_si32(_mm_shuffle_epi32(_mm_add_epi32(at1, l1), _MM_SHUFFLE(3, 3, 3, 3))));
   if (!kCount) {
-    alignas(16) uint32_t word[8], length[8];
+    alignas(16) uint32_t word[8], offset[8];
     Store(word, w0);
     Store(word + 4, w1);
-    Store(length, l0);
-    Store(length + 4, l1);
+    Store(offset, at0);
+    Store(offset + 4, at1);
     UTF8* const base = t + *out;
     uint32_t spilled;
     std::memcpy(&spilled, base + total, sizeof spilled);
-    size_t k = 0;
-    for (unsigned i = 0; i < 8; ++i) {
-      std::memcpy(base + k, &word[i], sizeof word[i]);
-      k += length[i];
-    }
+    for (unsigned i = 0; i < 8; ++i) std::memcpy(base + offset[i], &word[i], sizeof word[i]);
     std::memcpy(base + total, &spilled, sizeof spilled);
   }
   *out += total;
@@ -713,7 +732,7 @@ AMBIT_SSE2 size_t Utf32Blocks(const UTF32* s, size_t n, UTF8* t, size_t room, si
         _mm_or_si128(NotScalar(c0), NotScalar(c1)),
         _mm_or_si128(_mm_cmpeq_epi32(c0, zero), _mm_cmpeq_epi32(c1, zero)));
     if (_mm_movemask_epi8(bad) != 0) break;
-    PutWideEight<kCount>(c0, c1, zero, zero, t, &out);
+    PutWideEight<kCount>(c0, c1, t, &out);
     pos += 8;
   }
   *written = out;
