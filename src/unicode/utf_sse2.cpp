@@ -148,6 +148,51 @@ AMBIT_SSE2 inline __m128i StartsBefore(__m128i isCont) {
   return _mm_add_epi8(x, _mm_slli_si128(x, 8));
 }
 
+// Writes the characters of a block at base: the values of the sixteen
+// positions are the 16-bit lanes of low and high, and the positions marked
+// in isCont are no characters. Returns how many were written; base has room
+// for two units more than that.
+//
+// Positions go in pairs: each pair's starts (none, one or two) are moved to
+// the front of a two-unit word, which is stored where the pair's first
+// character goes (the count of starts before the pair). What a word holds
+// past its starts is overwritten by the next pair's, or lies past the last
+// character and is put back.
+template <typename Unit>
+AMBIT_SSE2 inline unsigned PlaceValues(Unit* base, __m128i low, __m128i high, __m128i isCont) {
+  alignas(16) UTF8 index[16];
+  Store(index, StartsBefore(isCont));
+  const unsigned chars = index[15] + (static_cast<unsigned>(_mm_movemask_epi8(isCont)) >> 15 ^ 1U);
+  // Per 32-bit lane (a pair): whether its first position is a continuation,
+  // as a whole-lane mask.
+  const __m128i firstLow = _mm_unpacklo_epi8(isCont, isCont);
+  const __m128i firstHigh = _mm_unpackhi_epi8(isCont, isCont);
+  const __m128i skipLow = _mm_srai_epi32(_mm_slli_epi32(firstLow, 16), 16);
+  const __m128i skipHigh = _mm_srai_epi32(_mm_slli_epi32(firstHigh, 16), 16);
+  low = _mm_or_si128(_mm_and_si128(skipLow, _mm_srli_epi32(low, 16)), _mm_andnot_si128(skipLow, low));
+  high = _mm_or_si128(_mm_and_si128(skipHigh, _mm_srli_epi32(high, 16)), _mm_andnot_si128(skipHigh, high));
+  uint32_t spilled[2];
+  std::memcpy(spilled, base + chars, 2 * sizeof(Unit));
+  if (sizeof(Unit) == 2) {
+    alignas(16) uint32_t pair[8];
+    Store(pair, low);
+    Store(pair + 4, high);
+    for (unsigned j = 0; j < 8; ++j) std::memcpy(base + index[2 * j], &pair[j], sizeof pair[j]);
+  } else {
+    const __m128i zero = _mm_setzero_si128();
+    alignas(16) uint32_t pair[16];
+    Store(pair, _mm_unpacklo_epi16(low, zero));
+    Store(pair + 4, _mm_unpackhi_epi16(low, zero));
+    Store(pair + 8, _mm_unpacklo_epi16(high, zero));
+    Store(pair + 12, _mm_unpackhi_epi16(high, zero));
+    for (unsigned j = 0; j < 8; ++j)
+      _mm_storel_epi64(reinterpret_cast<__m128i*>(base + index[2 * j]),
+                       _mm_loadl_epi64(reinterpret_cast<const __m128i*>(pair + 2 * j)));
+  }
+  std::memcpy(base + chars, spilled, 2 * sizeof(Unit));
+  return chars;
+}
+
 // The same when no position holds a three-byte lead.
 AMBIT_SSE2 inline __m128i DecodeHalfTwo(__m128i b0, __m128i b1) {
   const __m128i isAscii = _mm_cmplt_epi16(b0, _mm_set1_epi16(0x80));
@@ -264,13 +309,12 @@ AMBIT_SSE2 inline size_t FourByteBlock(const UTF8* p, __m128i v0, __m128i v1, __
 template <typename Out>
 AMBIT_SSE2 size_t Utf8Blocks(const UTF8* s, size_t n, typename Out::Unit* t, size_t room,
                              size_t* written) {
-  typedef typename Out::Unit Unit;
   constexpr bool kCount = Out::kCount;
   const __m128i zero = _mm_setzero_si128();
   size_t pos = 0, out = 0;
   while (n - pos >= 16) {
-    // Every block below writes at most 16 units and may spill one more.
-    if (!kCount && room - out < 17) break;
+    // Every block below writes at most 16 units and may spill two more.
+    if (!kCount && room - out < 18) break;
     const UTF8* p = s + pos;
     const __m128i v0 = Load(p);
     if (_mm_movemask_epi8(_mm_cmpeq_epi8(v0, zero)) != 0) break;
@@ -284,7 +328,7 @@ AMBIT_SSE2 size_t Utf8Blocks(const UTF8* s, size_t n, typename Out::Unit* t, siz
         }
         pos += 16;
         out += 16;
-        if (n - pos < 16 || (!kCount && room - out < 17)) break;
+        if (n - pos < 16 || (!kCount && room - out < 18)) break;
         v = Load(s + pos);
         if (_mm_movemask_epi8(_mm_or_si128(v, _mm_cmpeq_epi8(v, zero))) != 0) break;
       }
@@ -333,30 +377,17 @@ AMBIT_SSE2 size_t Utf8Blocks(const UTF8* s, size_t n, typename Out::Unit* t, siz
     if (kCount) {
       out += 16 - Popcount16(cont);
     } else {
-      alignas(16) UTF16 value[16];
+      __m128i low, high;
       if (lead3 == 0) {  // ASCII and two-byte characters only
-        _mm_store_si128(reinterpret_cast<__m128i*>(value),
-                        DecodeHalfTwo(_mm_unpacklo_epi8(v0, zero), _mm_unpacklo_epi8(v1, zero)));
-        _mm_store_si128(reinterpret_cast<__m128i*>(value + 8),
-                        DecodeHalfTwo(_mm_unpackhi_epi8(v0, zero), _mm_unpackhi_epi8(v1, zero)));
+        low = DecodeHalfTwo(_mm_unpacklo_epi8(v0, zero), _mm_unpacklo_epi8(v1, zero));
+        high = DecodeHalfTwo(_mm_unpackhi_epi8(v0, zero), _mm_unpackhi_epi8(v1, zero));
       } else {
-        _mm_store_si128(reinterpret_cast<__m128i*>(value),
-                        DecodeHalf(_mm_unpacklo_epi8(v0, zero), _mm_unpacklo_epi8(v1, zero),
-                                   _mm_unpacklo_epi8(v2, zero)));
-        _mm_store_si128(reinterpret_cast<__m128i*>(value + 8),
-                        DecodeHalf(_mm_unpackhi_epi8(v0, zero), _mm_unpackhi_epi8(v1, zero),
-                                   _mm_unpackhi_epi8(v2, zero)));
+        low = DecodeHalf(_mm_unpacklo_epi8(v0, zero), _mm_unpacklo_epi8(v1, zero),
+                         _mm_unpacklo_epi8(v2, zero));
+        high = DecodeHalf(_mm_unpackhi_epi8(v0, zero), _mm_unpackhi_epi8(v1, zero),
+                          _mm_unpackhi_epi8(v2, zero));
       }
-      // Every value is stored where the next character goes: at the count
-      // of starts before it. A continuation's store is overwritten by the
-      // next start's; the last one may land on base[chars].
-      alignas(16) UTF8 index[16];
-      _mm_store_si128(reinterpret_cast<__m128i*>(index), StartsBefore(isCont));
-      const unsigned chars = index[15] + (((cont >> 15) & 1U) ^ 1U);
-      Unit* const base = t + out;
-      const Unit spilled = base[chars];
-      for (unsigned i = 0; i < 16; ++i) base[index[i]] = value[i];
-      base[chars] = spilled;
+      const unsigned chars = PlaceValues(t + out, low, high, isCont);
       out += chars;
     }
     pos += 16 + ((want >> 16) & 1U) + (want >> 17);
