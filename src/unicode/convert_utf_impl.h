@@ -23,9 +23,9 @@
 // Where the processor has SSE2 (UseVectorPaths()), the fast form also hands
 // the text to the SSE2 kernels of utf_sse2.h, which take whole blocks of
 // well-formed text; between kernel calls it converts a window of units
-// itself, so that what the kernels refuse (supplementary characters,
-// errors, the stopping zero, the last units before an end) is handled by
-// the scalar code and gives the same results.
+// itself, so that what the kernels refuse (ill-formed input, the stopping
+// zero, the last units before an end, a target too short for a block) is
+// handled by the scalar code and gives the same results.
 //
 // Everything here is private to the library; the tests include it directly.
 
@@ -346,7 +346,8 @@ inline void VectorStep(const UTF32*& source, const UTF32* sourceEnd, CountSink& 
 // How many source units the scalar code converts between two kernel calls:
 // a block's worth after a call that took a long run; doubling, up to a
 // limit, after calls that took little or nothing, so that text the kernels
-// mostly refuse (emoji between short words) pays little for the attempts.
+// mostly refuse (ill-formed text converted leniently, say) pays little for
+// the attempts.
 class VectorWindow {
  public:
   static constexpr size_t kMin = 16;
