@@ -13,6 +13,7 @@
 
 #include "ambit/convertutf.h"
 #include "gtest/gtest.h"
+#include "unicode/utf_sse2.h"
 #include "unicode/utf_test_util.h"
 #include "unicode/utf_vector_switch.h"
 
@@ -330,6 +331,45 @@ TEST_F(ConvertUtfVectorTest, LongRunsOfEachKindConvertExactly) {
       EXPECT_EQ(u8.data() + u8.size(), s);
       EXPECT_TRUE(back == text) << "first " << first << ", vector " << on;
     }
+  }
+}
+
+// The kernels themselves take long well-formed runs of each kind whole (up
+// to the last block), and write what the scalar code writes: were they never
+// to take anything, the comparisons above would pass without testing them.
+TEST_F(ConvertUtfVectorTest, KernelsTakeLongRunsOfEachKind) {
+  const UTF32 kFirst[] = {'a', 0xE9, 0x4E2D, 0x1F600};
+  for (UTF32 first : kFirst) {
+    std::vector<UTF32> text;
+    for (UTF32 i = 0; i < 600; ++i) text.push_back(first + i % 20);
+    const std::vector<UTF8> u8 = Utf8Of(text);
+    const std::vector<UTF16> u16 = Utf16Of(text);
+    std::vector<UTF16> out16(u16.size() + 20);
+    std::vector<UTF32> out32(text.size() + 20);
+    std::vector<UTF8> out8(u8.size() + 40);
+    size_t written = 0;
+
+    size_t taken = ambit_utf::Sse2Utf8ToUtf16(u8.data(), u8.size(), out16.data(), out16.size(),
+                                              &written);
+    EXPECT_GE(taken + 19, u8.size()) << "UTF-8 to UTF-16, first " << first;
+    EXPECT_TRUE(std::equal(out16.begin(), out16.begin() + written, u16.begin()));
+    taken = ambit_utf::Sse2Utf8ToUtf32(u8.data(), u8.size(), out32.data(), out32.size(), &written);
+    EXPECT_GE(taken + 19, u8.size()) << "UTF-8 to UTF-32, first " << first;
+    EXPECT_TRUE(std::equal(out32.begin(), out32.begin() + written, text.begin()));
+    taken = ambit_utf::Sse2Utf16ToUtf8(u16.data(), u16.size(), out8.data(), out8.size(), &written);
+    EXPECT_GE(taken + 16, u16.size()) << "UTF-16 to UTF-8, first " << first;
+    EXPECT_TRUE(std::equal(out8.begin(), out8.begin() + written, u8.begin()));
+    taken = ambit_utf::Sse2Utf32ToUtf8(text.data(), text.size(), out8.data(), out8.size(), &written);
+    EXPECT_GE(taken + 16, text.size()) << "UTF-32 to UTF-8, first " << first;
+    EXPECT_TRUE(std::equal(out8.begin(), out8.begin() + written, u8.begin()));
+    taken = ambit_utf::Sse2Utf16ToUtf32(u16.data(), u16.size(), out32.data(), out32.size(),
+                                        &written);
+    EXPECT_GE(taken + 16, u16.size()) << "UTF-16 to UTF-32, first " << first;
+    EXPECT_TRUE(std::equal(out32.begin(), out32.begin() + written, text.begin()));
+    taken = ambit_utf::Sse2Utf32ToUtf16(text.data(), text.size(), out16.data(), out16.size(),
+                                        &written);
+    EXPECT_GE(taken + 16, text.size()) << "UTF-32 to UTF-16, first " << first;
+    EXPECT_TRUE(std::equal(out16.begin(), out16.begin() + written, u16.begin()));
   }
 }
 
