@@ -62,9 +62,10 @@ bench: bench-deps $(BENCH_DIR)/build.ninja
 	done
 
 # The fuzz targets (libFuzzer, clang -m32), in their own build directory,
-# each run for FUZZ_SECONDS: the UTF conversions (new inputs kept in
-# $(FUZZ_DIR)/corpus) and the inspector's checks of damaged registry and
-# name-map tables ($(FUZZ_DIR)/corpus-ipcs-tables).
+# each run for FUZZ_SECONDS: the UTF conversions, their SSE2 paths against
+# the scalar ones, and the inspector's checks of damaged registry and
+# name-map tables; new inputs each finds are kept in a corpus directory of
+# its own under $(FUZZ_DIR).
 $(FUZZ_DIR)/build.ninja:
 	cmake -G Ninja -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/i386-clang-toolchain.cmake \
 	  -S fuzz -B $(FUZZ_DIR)
@@ -74,6 +75,10 @@ fuzz: deps $(FUZZ_DIR)/build.ninja
 	@mkdir -p $(FUZZ_DIR)/corpus
 	$(FUZZ_DIR)/ambit_fuzz_utf -max_total_time=$(FUZZ_SECONDS) -max_len=1024 \
 	  -print_final_stats=1 -artifact_prefix=$(FUZZ_DIR)/ $(FUZZ_DIR)/corpus fuzz/corpus
+	@mkdir -p $(FUZZ_DIR)/corpus-utf-vector
+	$(FUZZ_DIR)/ambit_fuzz_utf_vector -max_total_time=$(FUZZ_SECONDS) -max_len=1024 \
+	  -print_final_stats=1 -artifact_prefix=$(FUZZ_DIR)/utf-vector- \
+	  $(FUZZ_DIR)/corpus-utf-vector fuzz/corpus-utf-vector
 	@mkdir -p $(FUZZ_DIR)/corpus-ipcs-tables
 	$(FUZZ_DIR)/ambit_fuzz_ipcs_tables -max_total_time=$(FUZZ_SECONDS) -max_len=4096 \
 	  -print_final_stats=1 -artifact_prefix=$(FUZZ_DIR)/ipcs-tables- $(FUZZ_DIR)/corpus-ipcs-tables

@@ -8,6 +8,7 @@
 //   - the fast engines agree with the plain ones, with any target size;
 //   - valid output converts back to the input that produced it;
 //   - isLegalUTF8Sequence agrees with what the UTF-8 readers accept.
+// Every input is checked with the SSE2 kernels and again without them.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -16,6 +17,7 @@
 
 #include "ambit/convertutf.h"
 #include "unicode/convert_utf_impl.h"
+#include "unicode/utf_vector_switch.h"
 
 namespace {
 
@@ -139,10 +141,9 @@ void RoundTrip(const UTF8* src, size_t n) {
   Check(size_t(t8 - back.get()) == consumed && std::memcmp(back.get(), src, consumed) == 0);
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size < 2) return 0;
+// All the checks on one input, with the SSE2 kernels in whatever state the
+// switch is.
+void CheckInput(const uint8_t* data, size_t size) {
   const ConversionFlags flags = ConversionFlags(data[0] & 3);
   const size_t room = data[1];
   data += 2;
@@ -188,5 +189,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ConvertUTF32toUTF16(&s, u32.get() + n32, &t, dst.get() + room, flags);
     Check(s >= u32.get() && s <= u32.get() + n32 && t >= dst.get() && t <= dst.get() + room);
   }
+}
+
+}  // namespace
+
+// Every input runs with the kernels and again with them switched off.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size < 2) return 0;
+  ambit_utf::SetVectorPaths(true);
+  CheckInput(data, size);
+  ambit_utf::SetVectorPaths(false);
+  CheckInput(data, size);
   return 0;
 }

@@ -1,7 +1,8 @@
 // The public UTF converters and counters. The four zero-stopping directions
 // run the fast engines of convert_utf_impl.h, writing through a BufferSink
 // (converters) or a CountSink (counters); the two directions between UTF-16
-// and UTF-32 have no stop at zero and are written out here.
+// and UTF-32 have no stop at zero and are written out here, with their own
+// SSE2 kernels.
 #include "ambit/convertutf.h"
 
 #include "unicode/convert_utf_impl.h"
@@ -16,38 +17,56 @@ ConversionResult ConvertUTF32toUTF16(const UTF32** sourceStart, const UTF32* sou
   ConversionResult result = conversionOK;
   const UTF32* source = *sourceStart;
   UTF16* target = *targetStart;
-  while (source < sourceEnd) {
-    if (target >= targetEnd) {
-      result = targetExhausted;
-      break;
+  const bool vector = UseVectorPaths();
+  VectorWindow window;
+  bool going = true;
+  while (going && source < sourceEnd) {
+    const UTF32* stop = sourceEnd;
+    if (vector) {
+      size_t written = 0;
+      const size_t taken = Sse2Utf32ToUtf16(source, Remaining(source, sourceEnd), target,
+                                            Remaining(target, targetEnd), &written);
+      source += taken;
+      target += written;
+      window.After(taken);
+      stop = window.Limit(source, sourceEnd);
     }
-    const UTF32 ch = *source;
-    if (ch <= kMaxBmp) {
-      if (ch >= kSurHighStart && ch <= kSurLowEnd) {
-        if (flags == strictConversion) {
-          result = sourceIllegal;  // the source stays at the surrogate
-          break;
-        }
-        *target++ = static_cast<UTF16>(kReplacementChar);
-      } else {
-        *target++ = static_cast<UTF16>(ch);
-      }
-    } else if (ch > kMaxLegalUtf32) {
-      // Strict skips the unit and goes on, remembering the error.
-      if (flags == strictConversion)
-        result = sourceIllegal;
-      else
-        *target++ = static_cast<UTF16>(kReplacementChar);
-    } else {
-      if (Remaining(target, targetEnd) < 2) {
+    while (source < stop) {
+      if (target >= targetEnd) {
         result = targetExhausted;
+        going = false;
         break;
       }
-      const UTF32 c = ch - kHalfBase;
-      *target++ = static_cast<UTF16>((c >> kHalfShift) + kSurHighStart);
-      *target++ = static_cast<UTF16>((c & kHalfMask) + kSurLowStart);
+      const UTF32 ch = *source;
+      if (ch <= kMaxBmp) {
+        if (ch >= kSurHighStart && ch <= kSurLowEnd) {
+          if (flags == strictConversion) {
+            result = sourceIllegal;  // the source stays at the surrogate
+            going = false;
+            break;
+          }
+          *target++ = static_cast<UTF16>(kReplacementChar);
+        } else {
+          *target++ = static_cast<UTF16>(ch);
+        }
+      } else if (ch > kMaxLegalUtf32) {
+        // Strict skips the unit and goes on, remembering the error.
+        if (flags == strictConversion)
+          result = sourceIllegal;
+        else
+          *target++ = static_cast<UTF16>(kReplacementChar);
+      } else {
+        if (Remaining(target, targetEnd) < 2) {
+          result = targetExhausted;
+          going = false;
+          break;
+        }
+        const UTF32 c = ch - kHalfBase;
+        *target++ = static_cast<UTF16>((c >> kHalfShift) + kSurHighStart);
+        *target++ = static_cast<UTF16>((c & kHalfMask) + kSurLowStart);
+      }
+      ++source;
     }
-    ++source;
   }
   *sourceStart = source;
   *targetStart = target;
@@ -61,35 +80,54 @@ ConversionResult ConvertUTF16toUTF32(const UTF16** sourceStart, const UTF16* sou
   ConversionResult result = conversionOK;
   const UTF16* source = *sourceStart;
   UTF32* target = *targetStart;
-  while (source < sourceEnd) {
-    const UTF16* next = source;
-    UTF32 ch = *next++;
-    if (ch >= kSurHighStart && ch <= kSurHighEnd) {
-      if (next < sourceEnd) {
-        const UTF32 ch2 = *next;
-        if (ch2 >= kSurLowStart && ch2 <= kSurLowEnd) {
-          ch = ((ch - kSurHighStart) << kHalfShift) + (ch2 - kSurLowStart) + kHalfBase;
-          ++next;
-        } else if (flags == strictConversion) {
-          result = sourceIllegal;  // unpaired high surrogate
+  const bool vector = UseVectorPaths();
+  VectorWindow window;
+  bool going = true;
+  while (going && source < sourceEnd) {
+    const UTF16* stop = sourceEnd;
+    if (vector) {
+      size_t written = 0;
+      const size_t taken = Sse2Utf16ToUtf32(source, Remaining(source, sourceEnd), target,
+                                            Remaining(target, targetEnd), &written);
+      source += taken;
+      target += written;
+      window.After(taken);
+      stop = window.Limit(source, sourceEnd);
+    }
+    while (source < stop) {
+      const UTF16* next = source;
+      UTF32 ch = *next++;
+      if (ch >= kSurHighStart && ch <= kSurHighEnd) {
+        if (next < sourceEnd) {
+          const UTF32 ch2 = *next;
+          if (ch2 >= kSurLowStart && ch2 <= kSurLowEnd) {
+            ch = ((ch - kSurHighStart) << kHalfShift) + (ch2 - kSurLowStart) + kHalfBase;
+            ++next;
+          } else if (flags == strictConversion) {
+            result = sourceIllegal;  // unpaired high surrogate
+            going = false;
+            break;
+          }
+        } else {
+          result = sourceExhausted;  // the pair is cut by the end
+          going = false;
           break;
         }
-      } else {
-        result = sourceExhausted;  // the pair is cut by the end
+      } else if (flags == strictConversion) {
+        if (ch >= kSurLowStart && ch <= kSurLowEnd) {
+          result = sourceIllegal;  // lone low surrogate
+          going = false;
+          break;
+        }
+      }
+      if (target >= targetEnd) {
+        result = targetExhausted;
+        going = false;
         break;
       }
-    } else if (flags == strictConversion) {
-      if (ch >= kSurLowStart && ch <= kSurLowEnd) {
-        result = sourceIllegal;  // lone low surrogate
-        break;
-      }
+      *target++ = ch;
+      source = next;
     }
-    if (target >= targetEnd) {
-      result = targetExhausted;
-      break;
-    }
-    *target++ = ch;
-    source = next;
   }
   *sourceStart = source;
   *targetStart = target;

@@ -20,6 +20,13 @@
 //     pointers and results exactly where the plain form would. The unit tests
 //     compare the two forms on random input and random target sizes.
 //
+// Where the processor has SSE2 (UseVectorPaths()), the fast form also hands
+// the text to the SSE2 kernels of utf_sse2.h, which take whole blocks of
+// well-formed text; between kernel calls it converts a window of units
+// itself, so that what the kernels refuse (ill-formed input, the stopping
+// zero, the last units before an end, a target too short for a block) is
+// handled by the scalar code and gives the same results.
+//
 // Everything here is private to the library; the tests include it directly.
 
 #include <cstddef>
@@ -27,6 +34,8 @@
 #include <cstring>
 
 #include "ambit/convertutf.h"
+#include "unicode/utf_sse2.h"
+#include "unicode/utf_vector_switch.h"
 
 static_assert(sizeof(UTF32) == 4, "UTF32 must be 32 bits");
 static_assert(sizeof(UTF16) == 2, "UTF16 must be 16 bits");
@@ -278,6 +287,84 @@ inline bool PackAscii32(const UTF32* s, uint32_t* w) {
   return true;
 }
 
+// --- Vector steps ----------------------------------------------------------------
+
+// Each runs the SSE2 kernel of its direction from `source` and moves the
+// source and the sink past the blocks it took. Only when UseVectorPaths().
+// From UTF-8, kToUtf32 tells a counter whether a supplementary character
+// counts one unit or two.
+template <bool kToUtf32>
+inline void VectorStepUtf8(const UTF8*& source, const UTF8* sourceEnd, BufferSink<UTF16>& sink) {
+  size_t written = 0;
+  source += Sse2Utf8ToUtf16(source, Remaining(source, sourceEnd), sink.Position(), sink.Room(),
+                            &written);
+  sink.Skip(written);
+}
+
+template <bool kToUtf32>
+inline void VectorStepUtf8(const UTF8*& source, const UTF8* sourceEnd, BufferSink<UTF32>& sink) {
+  size_t written = 0;
+  source += Sse2Utf8ToUtf32(source, Remaining(source, sourceEnd), sink.Position(), sink.Room(),
+                            &written);
+  sink.Skip(written);
+}
+
+template <bool kToUtf32>
+inline void VectorStepUtf8(const UTF8*& source, const UTF8* sourceEnd, CountSink& sink) {
+  size_t units = 0;
+  source += kToUtf32 ? Sse2Utf8CountUtf32(source, Remaining(source, sourceEnd), &units)
+                     : Sse2Utf8CountUtf16(source, Remaining(source, sourceEnd), &units);
+  sink.Skip(units);
+}
+
+inline void VectorStep(const UTF16*& source, const UTF16* sourceEnd, BufferSink<UTF8>& sink) {
+  size_t written = 0;
+  source += Sse2Utf16ToUtf8(source, Remaining(source, sourceEnd), sink.Position(), sink.Room(),
+                            &written);
+  sink.Skip(written);
+}
+
+inline void VectorStep(const UTF16*& source, const UTF16* sourceEnd, CountSink& sink) {
+  size_t bytes = 0;
+  source += Sse2Utf16CountUtf8(source, Remaining(source, sourceEnd), &bytes);
+  sink.Skip(bytes);
+}
+
+inline void VectorStep(const UTF32*& source, const UTF32* sourceEnd, BufferSink<UTF8>& sink) {
+  size_t written = 0;
+  source += Sse2Utf32ToUtf8(source, Remaining(source, sourceEnd), sink.Position(), sink.Room(),
+                            &written);
+  sink.Skip(written);
+}
+
+inline void VectorStep(const UTF32*& source, const UTF32* sourceEnd, CountSink& sink) {
+  size_t bytes = 0;
+  source += Sse2Utf32CountUtf8(source, Remaining(source, sourceEnd), &bytes);
+  sink.Skip(bytes);
+}
+
+// How many source units the scalar code converts between two kernel calls:
+// a block's worth after a call that took a long run; doubling, up to a
+// limit, after calls that took little or nothing, so that text the kernels
+// mostly refuse (ill-formed text converted leniently, say) pays little for
+// the attempts.
+class VectorWindow {
+ public:
+  static constexpr size_t kMin = 16;
+  static constexpr size_t kMax = 512;
+  static constexpr size_t kLongRun = 64;
+
+  void After(size_t taken) { m_n = taken >= kLongRun ? kMin : (m_n < kMax ? m_n * 2 : kMax); }
+  // `end` pulled in to at most the window's units past `source`.
+  template <typename S>
+  const S* Limit(const S* source, const S* end) const {
+    return Remaining(source, end) > m_n ? source + m_n : end;
+  }
+
+ private:
+  size_t m_n = kMin;
+};
+
 // --- UTF-8 readers ---------------------------------------------------------------
 
 // Puts one decoded code point into a UTF-16 sink that has at least one unit
@@ -394,7 +481,14 @@ ConversionResult Utf8ToWideFast(const UTF8** sourceStart, const UTF8* sourceEnd,
   Sink sink = out;
   ConversionResult result = conversionOK;
   const UTF8* source = *sourceStart;
+  const bool vector = UseVectorPaths();
+  VectorWindow window;
   while (source < sourceEnd) {
+    if (vector) {
+      const UTF8* const before = source;
+      VectorStepUtf8<kToUtf32>(source, sourceEnd, sink);
+      window.After(Remaining(before, source));
+    }
     // In bulk: with four source bytes left and room for four units at every
     // step (see BulkEnd), no well-formed character can run out of either,
     // so the common cases need no bounds checks. Anything else leaves for
@@ -402,7 +496,8 @@ ConversionResult Utf8ToWideFast(const UTF8** sourceStart, const UTF8* sourceEnd,
     // ASCII goes a byte at a time, like any character, until a run of it
     // grows long; then a word at a time. Trying words on the short runs of
     // prose would cost a mispredicted branch on most of them.
-    const UTF8* const bulkEnd = BulkEnd<1>(source, sourceEnd, sink);
+    const UTF8* bulkEnd = BulkEnd<1>(source, sourceEnd, sink);
+    if (vector) bulkEnd = window.Limit(source, bulkEnd);
     unsigned asciiRun = 0;
     while (source < bulkEnd) {
       const UTF32 c0 = *source;
@@ -464,7 +559,7 @@ ConversionResult Utf8ToWideFast(const UTF8** sourceStart, const UTF8* sourceEnd,
     const UTF32 b0 = *source;
     if (b0 < 0x80) {
       if (b0 == 0) break;
-      if (TakeAsciiGroups(source, sourceEnd, sink, PackAscii8)) continue;
+      if (!vector && TakeAsciiGroups(source, sourceEnd, sink, PackAscii8)) continue;
       if (sink.Room() < 1) {
         result = targetExhausted;
         break;
@@ -683,11 +778,20 @@ ConversionResult Utf16ToUtf8(const UTF16** sourceStart, const UTF16* sourceEnd, 
   Sink sink = out;
   ConversionResult result = conversionOK;
   const UTF16* source = *sourceStart;
+  const bool vector = kFast && UseVectorPaths();
+  VectorWindow window;
   while (source < sourceEnd && *source != 0) {
     if constexpr (kFast) {
+      if (vector) {
+        const UTF16* const before = source;
+        VectorStep(source, sourceEnd, sink);
+        window.After(Remaining(before, source));
+        if (source >= sourceEnd || *source == 0) break;
+      }
       // In bulk (see BulkEnd): ASCII, other BMP characters and proper pairs
       // need no bounds checks.
-      const UTF16* const bulkEnd = BulkEnd<3>(source, sourceEnd, sink);
+      const UTF16* bulkEnd = BulkEnd<3>(source, sourceEnd, sink);
+      if (vector) bulkEnd = window.Limit(source, bulkEnd);
       while (source < bulkEnd) {
         UTF32 c = *source;
         if (c < 0x80) {
@@ -722,7 +826,7 @@ ConversionResult Utf16ToUtf8(const UTF16** sourceStart, const UTF16* sourceEnd, 
       UTF32 ch = *source;
       unsigned length = 0, units = 1;
       if (ch < 0x80) {
-        if (TakeAsciiGroups(source, sourceEnd, sink, PackAscii16)) continue;
+        if (!vector && TakeAsciiGroups(source, sourceEnd, sink, PackAscii16)) continue;
         length = 1;
       } else if (ch < 0x800) {
         length = 2;
@@ -762,10 +866,19 @@ ConversionResult Utf32ToUtf8(const UTF32** sourceStart, const UTF32* sourceEnd, 
   Sink sink = out;
   ConversionResult result = conversionOK;
   const UTF32* source = *sourceStart;
+  const bool vector = kFast && UseVectorPaths();
+  VectorWindow window;
   while (source < sourceEnd && *source != 0) {
     if constexpr (kFast) {
+      if (vector) {
+        const UTF32* const before = source;
+        VectorStep(source, sourceEnd, sink);
+        window.After(Remaining(before, source));
+        if (source >= sourceEnd || *source == 0) break;
+      }
       // In bulk (see BulkEnd): scalar values need no bounds checks.
-      const UTF32* const bulkEnd = BulkEnd<4>(source, sourceEnd, sink);
+      const UTF32* bulkEnd = BulkEnd<4>(source, sourceEnd, sink);
+      if (vector) bulkEnd = window.Limit(source, bulkEnd);
       while (source < bulkEnd) {
         const UTF32 c = *source;
         if (c < 0x80) {
@@ -798,7 +911,7 @@ ConversionResult Utf32ToUtf8(const UTF32** sourceStart, const UTF32* sourceEnd, 
       const UTF32 ch = *source;
       unsigned length = 0;
       if (ch < 0x80) {
-        if (TakeAsciiGroups(source, sourceEnd, sink, PackAscii32)) continue;
+        if (!vector && TakeAsciiGroups(source, sourceEnd, sink, PackAscii32)) continue;
         length = 1;
       } else if (ch < 0x800) {
         length = 2;

@@ -17,6 +17,10 @@
 
 namespace {
 
+// Every test runs with the SSE2 kernels and again without them.
+class ConvertUtfExhaustiveTest : public utf_test::BothPathsTest {};
+INSTANTIATE_TEST_SUITE_P(Paths, ConvertUtfExhaustiveTest, testing::Bool(), utf_test::PathName);
+
 using utf_test::Rng;
 
 // --- Every code point ---------------------------------------------------------------
@@ -29,7 +33,7 @@ std::vector<UTF32> AllScalarsButZero() {
   return v;
 }
 
-TEST(ConvertUtfExhaustiveTest, EveryCodePointRoundTripsThroughUtf8) {
+TEST_P(ConvertUtfExhaustiveTest, EveryCodePointRoundTripsThroughUtf8) {
   const std::vector<UTF32> all = AllScalarsButZero();
   std::vector<UTF8> expected;
   for (UTF32 c : all) utf_test::EncodeUtf8(c, &expected);
@@ -70,7 +74,7 @@ TEST(ConvertUtfExhaustiveTest, EveryCodePointRoundTripsThroughUtf8) {
   }
 }
 
-TEST(ConvertUtfExhaustiveTest, EveryCodePointRoundTripsThroughUtf16) {
+TEST_P(ConvertUtfExhaustiveTest, EveryCodePointRoundTripsThroughUtf16) {
   std::vector<UTF32> all = AllScalarsButZero();
   all.insert(all.begin(), 0);  // no stop at zero between UTF-32 and UTF-16
   std::vector<UTF16> expected;
@@ -94,13 +98,13 @@ TEST(ConvertUtfExhaustiveTest, EveryCodePointRoundTripsThroughUtf16) {
   ASSERT_TRUE(back == all) << "UTF-16 to UTF-32 did not give back the code points";
 }
 
-TEST(ConvertUtfExhaustiveTest, ZeroCodePointStopsUtf32ToUtf8) {
+TEST_P(ConvertUtfExhaustiveTest, ZeroCodePointStopsUtf32ToUtf8) {
   EXPECT_TRUE(utf_test::Converts("ConvertUTF32toUTF8", ConvertUTF32toUTF8,
                                  std::vector<UTF32>{0}, 1, strictConversion, conversionOK, 0,
                                  std::vector<UTF8>{}));
 }
 
-TEST(ConvertUtfExhaustiveTest, EverySurrogateIsRejectedUnderStrict) {
+TEST_P(ConvertUtfExhaustiveTest, EverySurrogateIsRejectedUnderStrict) {
   for (UTF32 c = 0xD800; c <= 0xDFFF; ++c) {
     const std::vector<UTF32> in{0x41, c, 0x42};
     ASSERT_TRUE(utf_test::Converts("ConvertUTF32toUTF8", ConvertUTF32toUTF8, in, 8,
@@ -188,7 +192,7 @@ testing::AssertionResult JudgedLikeTheModel(const WellFormedModel& model, const 
          << "\n  actual:   " << got;
 }
 
-TEST(ConvertUtfExhaustiveTest, EveryOneTwoAndThreeByteBufferIsJudgedLikeTheTable) {
+TEST_P(ConvertUtfExhaustiveTest, EveryOneTwoAndThreeByteBufferIsJudgedLikeTheTable) {
   const WellFormedModel model;
   size_t loose = 0, legal = 0;
   UTF8 buf[3];
@@ -219,7 +223,7 @@ TEST(ConvertUtfExhaustiveTest, EveryOneTwoAndThreeByteBufferIsJudgedLikeTheTable
   EXPECT_EQ(128u * 64, loose);
 }
 
-TEST(ConvertUtfExhaustiveTest, RandomFourByteBuffersAreJudgedLikeTheTable) {
+TEST_P(ConvertUtfExhaustiveTest, RandomFourByteBuffersAreJudgedLikeTheTable) {
   const WellFormedModel model;
   Rng rng(4);
   size_t loose = 0;
@@ -238,7 +242,7 @@ TEST(ConvertUtfExhaustiveTest, RandomFourByteBuffersAreJudgedLikeTheTable) {
   EXPECT_GT(loose, 0u);  // the sample did reach the loose set
 }
 
-TEST(ConvertUtfExhaustiveTest, FourByteLeadsWithEverySecondByteAreJudgedLikeTheTable) {
+TEST_P(ConvertUtfExhaustiveTest, FourByteLeadsWithEverySecondByteAreJudgedLikeTheTable) {
   const WellFormedModel model;
   size_t loose = 0;
   UTF8 buf[4];
@@ -271,7 +275,7 @@ void ExpectCounterAgrees(const char* name, utf_test::ConvertFn<S, T> convert,
       << "\n  converter: " << c.Describe() << "\n  counter:   " << n.Describe();
 }
 
-TEST(ConvertUtfExhaustiveTest, CountersAgreeWithConvertersOnRandomText) {
+TEST_P(ConvertUtfExhaustiveTest, CountersAgreeWithConvertersOnRandomText) {
   Rng rng(11);
   for (int i = 0; i < 3000; ++i) {
     const bool dirty = i % 3 != 0;
@@ -290,7 +294,7 @@ TEST(ConvertUtfExhaustiveTest, CountersAgreeWithConvertersOnRandomText) {
   }
 }
 
-TEST(ConvertUtfExhaustiveTest, CountSizesABufferThatTheConverterFillsExactly) {
+TEST_P(ConvertUtfExhaustiveTest, CountSizesABufferThatTheConverterFillsExactly) {
   // Sized by the counter, the target is exactly big enough: one unit less
   // gives targetExhausted (when anything is written at all).
   Rng rng(12);
@@ -310,7 +314,7 @@ TEST(ConvertUtfExhaustiveTest, CountSizesABufferThatTheConverterFillsExactly) {
   }
 }
 
-TEST(ConvertUtfExhaustiveTest, ShortTargetsStopOnACharacterBoundaryOfTheFullOutput) {
+TEST_P(ConvertUtfExhaustiveTest, ShortTargetsStopOnACharacterBoundaryOfTheFullOutput) {
   Rng rng(13);
   for (int i = 0; i < 1500; ++i) {
     const ConversionFlags f = ConversionFlags(i % 2);
@@ -336,7 +340,7 @@ TEST(ConvertUtfExhaustiveTest, ShortTargetsStopOnACharacterBoundaryOfTheFullOutp
 
 // --- Valid output round-trips ---------------------------------------------------------
 
-TEST(ConvertUtfExhaustiveTest, RandomValidTextRoundTripsAmongAllThreeForms) {
+TEST_P(ConvertUtfExhaustiveTest, RandomValidTextRoundTripsAmongAllThreeForms) {
   Rng rng(14);
   for (int i = 0; i < 400; ++i) {
     const auto text = utf_test::RandomValidUtf32(rng, 1 + rng() % 60);

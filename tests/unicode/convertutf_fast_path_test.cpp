@@ -1,4 +1,5 @@
-// The fast engines (ASCII a word at a time, straight-line decoding) against
+// The fast engines (ASCII a word at a time, straight-line decoding, and the
+// SSE2 kernels in the runs that switch them on) against
 // the plain transcription of the algorithm: on random ASCII-heavy text with
 // zeros, ill-formed bytes, cut sequences, every alignment and every target
 // size, both give the same result, stop at the same source and target
@@ -13,6 +14,10 @@
 #include "unicode/utf_test_util.h"
 
 namespace {
+
+// Every test runs with the SSE2 kernels and again without them.
+class ConvertUtfFastPathTest : public utf_test::BothPathsTest {};
+INSTANTIATE_TEST_SUITE_P(Paths, ConvertUtfFastPathTest, testing::Bool(), utf_test::PathName);
 
 using ambit_utf::BufferSink;
 using ambit_utf::CountSink;
@@ -168,7 +173,7 @@ struct Utf32Engine {
 
 constexpr int kRounds = 4000;
 
-TEST(ConvertUtfFastPathTest, Utf8ToUtf16FastPathMatchesPlainPath) {
+TEST_P(ConvertUtfFastPathTest, Utf8ToUtf16FastPathMatchesPlainPath) {
   Rng rng(21);
   for (int i = 0; i < kRounds; ++i) {
     const auto in = AsciiHeavyUtf8(rng);
@@ -179,7 +184,7 @@ TEST(ConvertUtfFastPathTest, Utf8ToUtf16FastPathMatchesPlainPath) {
   }
 }
 
-TEST(ConvertUtfFastPathTest, Utf8ToUtf32FastPathMatchesPlainPath) {
+TEST_P(ConvertUtfFastPathTest, Utf8ToUtf32FastPathMatchesPlainPath) {
   Rng rng(22);
   for (int i = 0; i < kRounds; ++i) {
     const auto in = AsciiHeavyUtf8(rng);
@@ -190,7 +195,7 @@ TEST(ConvertUtfFastPathTest, Utf8ToUtf32FastPathMatchesPlainPath) {
   }
 }
 
-TEST(ConvertUtfFastPathTest, Utf16ToUtf8FastPathMatchesPlainPath) {
+TEST_P(ConvertUtfFastPathTest, Utf16ToUtf8FastPathMatchesPlainPath) {
   Rng rng(23);
   for (int i = 0; i < kRounds; ++i) {
     const auto in = AsciiHeavyUtf16(rng);
@@ -200,7 +205,7 @@ TEST(ConvertUtfFastPathTest, Utf16ToUtf8FastPathMatchesPlainPath) {
   }
 }
 
-TEST(ConvertUtfFastPathTest, Utf32ToUtf8FastPathMatchesPlainPath) {
+TEST_P(ConvertUtfFastPathTest, Utf32ToUtf8FastPathMatchesPlainPath) {
   Rng rng(24);
   for (int i = 0; i < kRounds; ++i) {
     const auto in = AsciiHeavyUtf32(rng);
@@ -210,7 +215,7 @@ TEST(ConvertUtfFastPathTest, Utf32ToUtf8FastPathMatchesPlainPath) {
   }
 }
 
-TEST(ConvertUtfFastPathTest, FastPathMatchesPlainPathOnGeneralText) {
+TEST_P(ConvertUtfFastPathTest, FastPathMatchesPlainPathOnGeneralText) {
   Rng rng(25);
   for (int i = 0; i < 1500; ++i) {
     const ConversionFlags f = ConversionFlags(i % 2);

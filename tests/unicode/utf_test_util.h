@@ -15,8 +15,30 @@
 
 #include "ambit/convertutf.h"
 #include "gtest/gtest.h"
+#include "unicode/utf_vector_switch.h"
 
 namespace utf_test {
+
+// --- Both paths -----------------------------------------------------------------
+
+// A fixture for tests that run twice: with the SSE2 kernels (parameter
+// true; skipped where the processor has no SSE2) and with them switched off
+// (false). Instantiate with testing::Bool() and PathName.
+class BothPathsTest : public testing::TestWithParam<bool> {
+ protected:
+  void SetUp() override {
+    m_wasOn = ambit_utf::SetVectorPaths(GetParam());
+    if (GetParam() && !ambit_utf::UseVectorPaths()) GTEST_SKIP() << "no SSE2 on this processor";
+  }
+  void TearDown() override { ambit_utf::SetVectorPaths(m_wasOn); }
+
+ private:
+  bool m_wasOn = false;
+};
+
+inline std::string PathName(const testing::TestParamInfo<bool>& info) {
+  return info.param ? "Vector" : "Scalar";
+}
 
 template <typename S, typename T>
 using ConvertFn = ConversionResult (*)(const S**, const S*, T**, T*, ConversionFlags);
