@@ -124,17 +124,19 @@ long CPEventImpl::wake(long bits) {
 }
 
 int CPEventImpl::waitNamed(unsigned long timeoutMs) {
-  timespec deadline;
-  ::clock_gettime(CLOCK_MONOTONIC, &deadline);
-  deadline.tv_sec += static_cast<time_t>(timeoutMs / 1000);
-  deadline.tv_nsec += static_cast<long>(timeoutMs % 1000) * 1000000L;
-  if (deadline.tv_nsec >= 1000000000L) {
-    deadline.tv_sec += 1;
-    deadline.tv_nsec -= 1000000000L;
+  const bool forever = timeoutMs == 0xFFFFFFFFUL;
+  timespec deadline = {0, 0};
+  if (!forever) {
+    ::clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_sec += static_cast<time_t>(timeoutMs / 1000);
+    deadline.tv_nsec += static_cast<long>(timeoutMs % 1000) * 1000000L;
+    if (deadline.tv_nsec >= 1000000000L) {
+      deadline.tv_sec += 1;
+      deadline.tv_nsec -= 1000000000L;
+    }
   }
   for (;;) {
     timespec left;
-    const bool forever = timeoutMs == 0xFFFFFFFFUL;
     if (!forever && !TimeLeft(deadline, &left)) return ETIMEDOUT;
     const uint32_t seen = __atomic_load_n(m_pSeq, __ATOMIC_SEQ_CST);
     // Counted as sleeping under the mutex, so that a wake (which reads the
@@ -160,7 +162,7 @@ unsigned long CPEventImpl::wait(unsigned long timeoutMs) {
   // The waiter mark is a single word of bookkeeping for crash recovery and
   // the inspector: written atomically, without the name map's lock.
   const int self = OwnProcessId();
-  if (m_pNameInfo != nullptr) __atomic_store_n(m_pPid, self, __ATOMIC_SEQ_CST);
+  if (m_pNameInfo != nullptr) __atomic_store_n(m_pPid, self, __ATOMIC_RELEASE);
 
   unsigned long result;
   if (*m_pValue != kReset) {

@@ -5,10 +5,6 @@
 
 namespace {
 
-// glibc's kind bit for robust mutexes (PTHREAD_MUTEX_ROBUST_NORMAL_NP), as
-// it is stored in the mutex's kind word.
-constexpr int kRobustKindBit = 16;
-
 // How long a blocked lock sleeps before it looks at the mutex again. When
 // the owner of a robust mutex dies, the kernel marks it and wakes one
 // waiter; if that waiter is itself dying (a thread of the same killed
@@ -79,12 +75,4 @@ FreeResult FreeUnlessHeldByLive(pthread_mutex_t* mutex, int* error) {
   *error = pthread_mutex_unlock(mutex);
   if (*error != 0) return FreeResult::Failed;
   return r == EOWNERDEAD ? FreeResult::FreedAbandoned : FreeResult::WasFree;
-}
-
-bool IsRobust(const pthread_mutex_t* mutex) {
-  return (mutex->__data.__kind & kRobustKindBit) != 0;
-}
-
-int MutexOwnerThread(const pthread_mutex_t* mutex) {
-  return __atomic_load_n(&mutex->__data.__owner, __ATOMIC_RELAXED);
 }

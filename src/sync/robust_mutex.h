@@ -37,12 +37,15 @@ int LockRobustMutex(pthread_mutex_t* mutex, const timespec* absTime, bool* aband
 enum class FreeResult { WasFree, FreedAbandoned, HeldByLive, UnlockedPlain, Failed };
 FreeResult FreeUnlessHeldByLive(pthread_mutex_t* mutex, int* error);
 
-// True when the mutex is of the robust kind.
-bool IsRobust(const pthread_mutex_t* mutex);
+// True when the mutex is of the robust kind (glibc's kind bit
+// PTHREAD_MUTEX_ROBUST_NORMAL_NP, as it is stored in the mutex).
+inline bool IsRobust(const pthread_mutex_t* mutex) { return (mutex->__data.__kind & 16) != 0; }
 
 // The kernel thread id that glibc records as the mutex's owner: 0 when it
 // is free, and it may still name an owner that died. A thread that holds
 // the mutex always finds its own id here.
-int MutexOwnerThread(const pthread_mutex_t* mutex);
+inline int MutexOwnerThread(const pthread_mutex_t* mutex) {
+  return __atomic_load_n(&mutex->__data.__owner, __ATOMIC_RELAXED);
+}
 
 #endif  // AMBIT_SYNC_ROBUST_MUTEX_H_

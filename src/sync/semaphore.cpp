@@ -76,7 +76,14 @@ unsigned long CPSemaphoreImpl::wait(unsigned long timeoutMs) {
   }
   // The taker mark is a single word of bookkeeping for crash recovery and
   // the inspector: written atomically, without the name map's lock.
-  if (m_pNameInfo != nullptr) __atomic_store_n(m_pPid, OwnProcessId(), __ATOMIC_RELEASE);
+  // Written only when it changes: two processes that pass units back and
+  // forth then only read the word, and its cache line is not moved between
+  // them on every wait.
+  if (m_pNameInfo != nullptr) {
+    const int self = OwnProcessId();
+    if (__atomic_load_n(m_pPid, __ATOMIC_RELAXED) != self)
+      __atomic_store_n(m_pPid, self, __ATOMIC_RELEASE);
+  }
   return 0;
 }
 
