@@ -12,6 +12,7 @@
 #include "ambit/exception.h"
 #include "portable/self_ids.h"
 #include "sync/robust_mutex.h"
+#include "sync/spin_wait.h"
 #include "sync/wall_deadline.h"
 #include "trace/trace_impl.h"
 
@@ -149,7 +150,14 @@ int CPEventImpl::waitNamed(unsigned long timeoutMs) {
     const int err = r == 0 ? 0 : errno;
     LockEventMutex(m_pMutex, m_pNameInfo != nullptr);
     __atomic_sub_fetch(m_pSeq + 1, 1, __ATOMIC_SEQ_CST);
-    if (err == 0) return 0;  // woken (perhaps without a wake: the caller sees 0)
+    if (err == 0) {
+      // Woken. When a wake moved the sequence but its bits are gone, another
+      // waiter (one that came later, or was spinning) took that wake: this
+      // one sleeps again, so that a wake releases one waiter only. Woken
+      // without any wake, the caller sees 0.
+      if (*m_pValue == kReset && __atomic_load_n(m_pSeq, __ATOMIC_SEQ_CST) != seen) continue;
+      return 0;
+    }
     if (err == ETIMEDOUT) return ETIMEDOUT;
     if (err != EAGAIN && err != EINTR) return err;
     // The word moved before we slept, or a signal: look at the value again.
@@ -163,6 +171,15 @@ unsigned long CPEventImpl::wait(unsigned long timeoutMs) {
   // the inspector: written atomically, without the name map's lock.
   const int self = OwnProcessId();
   if (m_pNameInfo != nullptr) __atomic_store_n(m_pPid, self, __ATOMIC_RELEASE);
+
+  // Not signalled: watch the value for a moment without the mutex before
+  // sleeping (not for a wait that only looks). Bits that came meanwhile are
+  // taken only if they are still there once the mutex is held again.
+  if (*m_pValue == kReset && timeoutMs != 0 && SpinningHelps()) {
+    pthread_mutex_unlock(m_pMutex);
+    SpinUntil([this] { return __atomic_load_n(m_pValue, __ATOMIC_RELAXED) != kReset; });
+    LockEventMutex(m_pMutex, m_pNameInfo != nullptr);
+  }
 
   unsigned long result;
   if (*m_pValue != kReset) {

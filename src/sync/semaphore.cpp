@@ -9,6 +9,7 @@
 #include "ambit/exception.h"
 #include "portable/self_ids.h"
 #include "sync/semaphore_impl.h"
+#include "sync/spin_wait.h"
 #include "sync/terminate_wait.h"
 #include "sync/wall_deadline.h"
 #include "trace/trace_impl.h"
@@ -60,7 +61,11 @@ CPSemaphoreImpl::~CPSemaphoreImpl() {
 
 unsigned long CPSemaphoreImpl::wait(unsigned long timeoutMs) {
   int r;
-  if (timeoutMs == QK_INFINITE) {
+  // A unit that comes within a few microseconds is taken without sleeping
+  // (not for a wait that only looks).
+  if (timeoutMs != 0 && SpinningHelps() && SpinUntil([this] { return sem_trywait(m_pSem) == 0; })) {
+    r = 0;
+  } else if (timeoutMs == QK_INFINITE) {
     r = sem_wait(m_pSem);
   } else {
     const timespec deadline = WallDeadline(timeoutMs);

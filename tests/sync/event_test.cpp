@@ -640,6 +640,35 @@ TEST(NamedEventTest, SpuriousWakeUpReturnsZeroNotTimeOut) {
   EXPECT_EQ(0xF0000000u, entry->object.condvar.s_lVal);
 }
 
+// A sleeper woken by a wake whose bits another waiter has already taken
+// sleeps again: one wake releases one waiter. (A wake-up with no wake at
+// all still returns 0, above.)
+TEST(NamedEventTest, ASleeperWhoseWakeWasTakenByAnotherWaiterSleepsAgain) {
+  const std::string name = UniqueName("event");
+  CPEvent event(1, name, 0);
+  CNameMap::SNAMEINFO* entry = EntryOf(name);
+  ASSERT_NE(nullptr, entry);
+  std::atomic<unsigned long> tid{0};
+  unsigned long result = 1;
+  std::thread waiter([&] {
+    tid = Tid();
+    result = event.wait(1500, nullptr);
+  });
+  while (tid == 0) std::this_thread::yield();
+  ASSERT_TRUE(WaitUntilBlockedInFutex(tid, 5000));
+  // What a wake does, and then what a second waiter that takes the bits
+  // does, all before the sleeper gets the mutex back.
+  uint32_t* sequence = reinterpret_cast<uint32_t*>(&entry->object.condvar.cond);
+  pthread_mutex_lock(&entry->object.condvar.mutex);
+  entry->object.condvar.s_lVal = 0x4;
+  __atomic_add_fetch(sequence, 1, __ATOMIC_SEQ_CST);
+  ::syscall(SYS_futex, sequence, FUTEX_WAKE, 1, nullptr, nullptr, 0);
+  entry->object.condvar.s_lVal = 0xF0000000u;
+  pthread_mutex_unlock(&entry->object.condvar.mutex);
+  waiter.join();
+  EXPECT_EQ(0xE0000000UL, result) << "the sleeper was released by a wake another waiter took";
+}
+
 TEST(NamedEventTest, WakeInOneProcessReturnsBitsToAWaiterInAnother) {
   const std::string name = UniqueName("event");
   Handshake created, opened, woken;
