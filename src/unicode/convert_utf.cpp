@@ -21,16 +21,8 @@ ConversionResult ConvertUTF32toUTF16(const UTF32** sourceStart, const UTF32* sou
   VectorWindow window;
   bool going = true;
   while (going && source < sourceEnd) {
-    const UTF32* stop = sourceEnd;
-    if (vector) {
-      size_t written = 0;
-      const size_t taken = Sse2Utf32ToUtf16(source, Remaining(source, sourceEnd), target,
-                                            Remaining(target, targetEnd), &written);
-      source += taken;
-      target += written;
-      window.After(taken);
-      stop = window.Limit(source, sourceEnd);
-    }
+    const UTF32* stop =
+        vector ? window.Step(Sse2Utf32ToUtf16, source, sourceEnd, target, targetEnd) : sourceEnd;
     while (source < stop) {
       if (target >= targetEnd) {
         result = targetExhausted;
@@ -84,16 +76,8 @@ ConversionResult ConvertUTF16toUTF32(const UTF16** sourceStart, const UTF16* sou
   VectorWindow window;
   bool going = true;
   while (going && source < sourceEnd) {
-    const UTF16* stop = sourceEnd;
-    if (vector) {
-      size_t written = 0;
-      const size_t taken = Sse2Utf16ToUtf32(source, Remaining(source, sourceEnd), target,
-                                            Remaining(target, targetEnd), &written);
-      source += taken;
-      target += written;
-      window.After(taken);
-      stop = window.Limit(source, sourceEnd);
-    }
+    const UTF16* stop =
+        vector ? window.Step(Sse2Utf16ToUtf32, source, sourceEnd, target, targetEnd) : sourceEnd;
     while (source < stop) {
       const UTF16* next = source;
       UTF32 ch = *next++;

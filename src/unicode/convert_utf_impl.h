@@ -355,6 +355,19 @@ class VectorWindow {
   static constexpr size_t kLongRun = 64;
 
   void After(size_t taken) { m_n = taken >= kLongRun ? kMin : (m_n < kMax ? m_n * 2 : kMax); }
+  // Runs a vector kernel from `source` (kernel(source, units, target,
+  // room, &written) returns the units it took), moves source and target
+  // past what it did, and returns where the scalar code stops next.
+  template <typename S, typename T, typename Kernel>
+  const S* Step(Kernel kernel, const S*& source, const S* end, T*& target, T* targetEnd) {
+    size_t written = 0;
+    const size_t taken =
+        kernel(source, Remaining(source, end), target, Remaining(target, targetEnd), &written);
+    source += taken;
+    target += written;
+    After(taken);
+    return Limit(source, end);
+  }
   // `end` pulled in to at most the window's units past `source`.
   template <typename S>
   const S* Limit(const S* source, const S* end) const {

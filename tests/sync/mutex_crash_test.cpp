@@ -103,6 +103,18 @@ void InstallStop(TestPoint point, int hit, Handshake* reached) {
   g_testPointHook = &StopHook;
 }
 
+// A process that creates the named mutex owning it, says so on `owned`,
+// and keeps it until the lifeline is let go or it is killed.
+std::unique_ptr<ForkedChild> SpawnOwner(const std::string& name, Handshake* owned,
+                                        Lifeline* lifeline) {
+  return Spawn([name, owned, lifeline] {
+    CPMutex mutex(1, 1, name, 0, 0);
+    owned->Signal();
+    lifeline->WaitForRelease(60000);
+    return 0;
+  });
+}
+
 // --- A killed owner ------------------------------------------------------------------------
 
 struct KilledOwnerCase {
@@ -216,12 +228,7 @@ TEST(MutexAbandonTest, TheTakeOverWritesTheErrorLineWithThePreviousOwner) {
   Handshake owned;
   Lifeline lifeline;
   const std::string name = "abandon-line";
-  auto owner = Spawn([&] {
-    CPMutex mutex(1, 1, name, 0, 0);
-    owned.Signal();
-    lifeline.WaitForRelease(60000);
-    return 0;
-  });
+  auto owner = SpawnOwner(name, &owned, &lifeline);
   ASSERT_TRUE(owned.WaitFor(10000));
   // Opened while the owner lives: with it gone, the open's recovery pass
   // would free the entry of its last user.
@@ -254,12 +261,7 @@ TEST(MutexAbandonTest, TheTakeOverWritesTheErrorLineWithThePreviousOwner) {
 TEST(MutexAbandonTest, TheQueryAnswersForTheCallingThreadOnly) {
   Handshake owned;
   Lifeline lifeline;
-  auto owner = Spawn([&] {
-    CPMutex mutex(1, 1, "abandon-thread", 0, 0);
-    owned.Signal();
-    lifeline.WaitForRelease(60000);
-    return 0;
-  });
+  auto owner = SpawnOwner("abandon-thread", &owned, &lifeline);
   ASSERT_TRUE(owned.WaitFor(10000));
   CPMutex mutex(0, 0, "abandon-thread", 0, 0);
   owner->Kill();
@@ -344,12 +346,7 @@ TEST(MutexWindowTest, RecoveryNeverUnlocksALiveOwnersMutexForADeadWaiter) {
   const std::string name = "window-b";
   Handshake owned, waiting;
   Lifeline lifeline;
-  auto owner = Spawn([&] {
-    CPMutex mutex(1, 1, name, 0, 0);
-    owned.Signal();
-    lifeline.WaitForRelease(60000);
-    return 0;
-  });
+  auto owner = SpawnOwner(name, &owned, &lifeline);
   auto dyingWaiter = Spawn([&] {
     if (!owned.WaitFor(10000)) return 2;
     CPMutex mutex(0, 0, name, 0, 0);
@@ -389,12 +386,7 @@ TEST(MutexWindowTest, OnePassWithADeadHolderAndADeadWaiterLeavesTheNewOwnerInsid
   const std::string name = "window-c";
   Handshake owned, deadWaits, liveLocked, liveGo, liveDone;
   Lifeline lifeline;
-  auto owner = Spawn([&] {
-    CPMutex mutex(1, 1, name, 0, 0);
-    owned.Signal();
-    lifeline.WaitForRelease(60000);
-    return 0;
-  });
+  auto owner = SpawnOwner(name, &owned, &lifeline);
   auto deadWaiter = Spawn([&] {
     if (!owned.WaitFor(10000)) return 2;
     owned.Signal();
@@ -470,12 +462,7 @@ TEST(MutexRecoveryTest, AnOwnerThatDiedWithNobodyWaitingIsFreedByTheNextPass) {
   const std::string name = "nobody-waits";
   Handshake owned;
   Lifeline lifeline;
-  auto owner = Spawn([&] {
-    CPMutex mutex(1, 1, name, 0, 0);
-    owned.Signal();
-    lifeline.WaitForRelease(60000);
-    return 0;
-  });
+  auto owner = SpawnOwner(name, &owned, &lifeline);
   ASSERT_TRUE(owned.WaitFor(10000));
   CPMutex mutex(0, 0, name, 0, 0);
   const pid_t dead = owner->Pid();
