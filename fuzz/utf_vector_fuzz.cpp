@@ -27,30 +27,13 @@
 #include <vector>
 
 #include "ambit/convertutf.h"
+#include "unicode/utf_encoders.h"
 #include "unicode/utf_vector_switch.h"
 
 namespace {
 
 void Check(bool ok) {
   if (!ok) std::abort();
-}
-
-void PutUtf8(UTF32 c, std::vector<UTF8>* out) {
-  if (c < 0x80) {
-    out->push_back(UTF8(c));
-  } else if (c < 0x800) {
-    out->push_back(UTF8(0xC0 | (c >> 6)));
-    out->push_back(UTF8(0x80 | (c & 0x3F)));
-  } else if (c < 0x10000) {
-    out->push_back(UTF8(0xE0 | (c >> 12)));
-    out->push_back(UTF8(0x80 | ((c >> 6) & 0x3F)));
-    out->push_back(UTF8(0x80 | (c & 0x3F)));
-  } else {
-    out->push_back(UTF8(0xF0 | (c >> 18)));
-    out->push_back(UTF8(0x80 | ((c >> 12) & 0x3F)));
-    out->push_back(UTF8(0x80 | ((c >> 6) & 0x3F)));
-    out->push_back(UTF8(0x80 | (c & 0x3F)));
-  }
 }
 
 // The three forms of a text built from a recipe. Damage is applied to each
@@ -62,13 +45,12 @@ struct Text {
 };
 
 void PutAll(UTF32 c, Text* t) {
-  PutUtf8(c, &t->u8);
-  if (c >= 0x10000 && c <= 0x10FFFF) {
-    t->u16.push_back(UTF16(0xD800 + ((c - 0x10000) >> 10)));
-    t->u16.push_back(UTF16(0xDC00 + ((c - 0x10000) & 0x3FF)));
-  } else {
+  utf_test::EncodeUtf8(c, &t->u8);
+  // Values past U+10FFFF have no UTF-16 form: they are cut to one unit.
+  if (c <= 0x10FFFF)
+    utf_test::EncodeUtf16(c, &t->u16);
+  else
     t->u16.push_back(UTF16(c));
-  }
   t->u32.push_back(c);
 }
 

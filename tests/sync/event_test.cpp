@@ -17,6 +17,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -614,27 +615,41 @@ TEST(NamedEventTest, LastCloseFreesTheEntry) {
   EXPECT_EQ(static_cast<long>(0xC1210E17UL), code);
 }
 
+// Starts a thread of this process in event.wait(timeoutMs); once it sleeps
+// on the event's wake sequence, runs poke(sequence) with the event's mutex
+// held (so the sleeper cannot move meanwhile), and returns what the wait
+// returned, or 1 when the waiter never went to sleep.
+unsigned long WaitAndPoke(CPEvent& event, CNameMap::SNAMEINFO* entry, unsigned long timeoutMs,
+                          const std::function<void(uint32_t* sequence)>& poke) {
+  std::atomic<unsigned long> tid{0};
+  unsigned long result = 1;
+  std::thread waiter([&] {
+    tid = Tid();
+    result = event.wait(timeoutMs, nullptr);
+  });
+  while (tid == 0) std::this_thread::yield();
+  if (!WaitUntilBlockedInFutex(tid, 5000)) {
+    event.wake(0);  // let the thread go
+    waiter.join();
+    return 1;
+  }
+  pthread_mutex_lock(&entry->object.condvar.mutex);
+  poke(reinterpret_cast<uint32_t*>(&entry->object.condvar.cond));
+  pthread_mutex_unlock(&entry->object.condvar.mutex);
+  waiter.join();
+  return result;
+}
+
 TEST(NamedEventTest, SpuriousWakeUpReturnsZeroNotTimeOut) {
   const std::string name = UniqueName("event");
   CPEvent event(1, name, 0);
   CNameMap::SNAMEINFO* entry = EntryOf(name);
   ASSERT_NE(nullptr, entry);
-  std::atomic<unsigned long> tid{0};
-  unsigned long result = 1;
-  std::thread waiter([&] {
-    tid = Tid();
-    result = event.wait(5000, nullptr);
-  });
-  while (tid == 0) std::this_thread::yield();
-  ASSERT_TRUE(WaitUntilBlockedInFutex(tid, 5000));
-  // Holding the event's mutex proves the waiter is asleep on the wake
-  // sequence; then wake that futex without any wake().
-  uint32_t* sequence = reinterpret_cast<uint32_t*>(&entry->object.condvar.cond);
-  pthread_mutex_lock(&entry->object.condvar.mutex);
-  ::syscall(SYS_futex, sequence, FUTEX_WAKE, 1, nullptr, nullptr, 0);
-  pthread_mutex_unlock(&entry->object.condvar.mutex);
   const auto start = Clock::now();
-  waiter.join();
+  // The futex is woken without any wake().
+  const unsigned long result = WaitAndPoke(event, entry, 5000, [](uint32_t* sequence) {
+    ::syscall(SYS_futex, sequence, FUTEX_WAKE, 1, nullptr, nullptr, 0);
+  });
   EXPECT_EQ(0UL, result);
   EXPECT_LT(MsSince(start), 4000);  // not the time-out
   EXPECT_EQ(0xF0000000u, entry->object.condvar.s_lVal);
@@ -648,24 +663,14 @@ TEST(NamedEventTest, ASleeperWhoseWakeWasTakenByAnotherWaiterSleepsAgain) {
   CPEvent event(1, name, 0);
   CNameMap::SNAMEINFO* entry = EntryOf(name);
   ASSERT_NE(nullptr, entry);
-  std::atomic<unsigned long> tid{0};
-  unsigned long result = 1;
-  std::thread waiter([&] {
-    tid = Tid();
-    result = event.wait(1500, nullptr);
-  });
-  while (tid == 0) std::this_thread::yield();
-  ASSERT_TRUE(WaitUntilBlockedInFutex(tid, 5000));
   // What a wake does, and then what a second waiter that takes the bits
   // does, all before the sleeper gets the mutex back.
-  uint32_t* sequence = reinterpret_cast<uint32_t*>(&entry->object.condvar.cond);
-  pthread_mutex_lock(&entry->object.condvar.mutex);
-  entry->object.condvar.s_lVal = 0x4;
-  __atomic_add_fetch(sequence, 1, __ATOMIC_SEQ_CST);
-  ::syscall(SYS_futex, sequence, FUTEX_WAKE, 1, nullptr, nullptr, 0);
-  entry->object.condvar.s_lVal = 0xF0000000u;
-  pthread_mutex_unlock(&entry->object.condvar.mutex);
-  waiter.join();
+  const unsigned long result = WaitAndPoke(event, entry, 1500, [entry](uint32_t* sequence) {
+    entry->object.condvar.s_lVal = 0x4;
+    __atomic_add_fetch(sequence, 1, __ATOMIC_SEQ_CST);
+    ::syscall(SYS_futex, sequence, FUTEX_WAKE, 1, nullptr, nullptr, 0);
+    entry->object.condvar.s_lVal = 0xF0000000u;
+  });
   EXPECT_EQ(0xE0000000UL, result) << "the sleeper was released by a wake another waiter took";
 }
 

@@ -15,6 +15,7 @@
 
 #include "ambit/convertutf.h"
 #include "gtest/gtest.h"
+#include "unicode/utf_encoders.h"
 #include "unicode/utf_vector_switch.h"
 
 namespace utf_test {
@@ -148,35 +149,6 @@ testing::AssertionResult Counts(const char* name, CountFn<S> fn, const std::vect
   return testing::AssertionFailure()
          << name << " on " << Units(in) << ", flags " << int(flags)
          << "\n  expected: " << want.Describe() << "\n  actual:   " << got.Describe();
-}
-
-// --- Independent encoders, from the bit patterns of the Unicode standard ----
-
-inline void EncodeUtf8(UTF32 c, std::vector<UTF8>* out) {
-  if (c < 0x80) {
-    out->push_back(UTF8(c));
-  } else if (c < 0x800) {
-    out->push_back(UTF8(0xC0 | (c >> 6)));
-    out->push_back(UTF8(0x80 | (c & 0x3F)));
-  } else if (c < 0x10000) {
-    out->push_back(UTF8(0xE0 | (c >> 12)));
-    out->push_back(UTF8(0x80 | ((c >> 6) & 0x3F)));
-    out->push_back(UTF8(0x80 | (c & 0x3F)));
-  } else {
-    out->push_back(UTF8(0xF0 | (c >> 18)));
-    out->push_back(UTF8(0x80 | ((c >> 12) & 0x3F)));
-    out->push_back(UTF8(0x80 | ((c >> 6) & 0x3F)));
-    out->push_back(UTF8(0x80 | (c & 0x3F)));
-  }
-}
-
-inline void EncodeUtf16(UTF32 c, std::vector<UTF16>* out) {
-  if (c < 0x10000) {
-    out->push_back(UTF16(c));
-  } else {
-    out->push_back(UTF16(0xD800 + ((c - 0x10000) >> 10)));
-    out->push_back(UTF16(0xDC00 + ((c - 0x10000) & 0x3FF)));
-  }
 }
 
 // --- Random text ----------------------------------------------------------------
